@@ -1,0 +1,1 @@
+// placeholder until its author lands it

@@ -1,0 +1,79 @@
+#pragma once
+// InternedId: an interned identifier string. Equal strings yield the same
+// pointer, so ids compare for equality by pointer and hash without reading text.
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <string_view>
+
+#include "orvix/host/result.h"
+
+namespace orvix {
+
+namespace detail {
+// One pooled id. Entries are never freed: an id stays valid for the life of the
+// process, which is what lets a bare pointer stand for it.
+struct InternedEntry {
+  uint64_t hashWord;
+  std::string text;
+};
+}  // namespace detail
+
+class InternedId {
+ public:
+  // Bit 43 of the hash word belongs to the pool (it marks an id that lives in
+  // the pool for good); users of the hash mask it out with HASH_MASK.
+  static constexpr uint64_t RESERVED_HASH_BIT = uint64_t(1) << 43;
+  static constexpr uint64_t HASH_MASK = ~RESERVED_HASH_BIT;
+
+  // The null id.
+  constexpr InternedId() = default;
+
+  // Interns `text`. Fails only when memory runs out.
+  static Result<InternedId> Create(std::string_view text);
+  // Interns `text`; for ids the program itself spells (constants, tests), where
+  // running out of memory is not an outcome worth a result.
+  static InternedId Get(std::string_view text);
+  // An id already in the pool, or the null id; never adds one.
+  static InternedId Find(std::string_view text);
+
+  bool IsPopulated() const { return _entry != nullptr; }
+  bool IsNull() const { return _entry == nullptr; }
+  explicit operator bool() const { return IsPopulated(); }
+
+  // The text; empty for the null id.
+  std::string_view GetString() const {
+    return _entry ? std::string_view(_entry->text) : std::string_view();
+  }
+  // NUL-terminated text; "" for the null id.
+  const char* GetCString() const { return _entry ? _entry->text.c_str() : ""; }
+  std::string_view ToString() const { return GetString(); }
+
+  // The whole hash word, reserved bit included; 0 for the null id.
+  uint64_t GetHashWord() const { return _entry ? _entry->hashWord : 0; }
+  // The hash with the reserved bit cleared.
+  uint64_t GetHashCode() const { return GetHashWord() & HASH_MASK; }
+
+  // The pointer that stands for the id; equal for equal ids.
+  const void* GetPointer() const { return _entry; }
+
+  friend bool operator==(InternedId a, InternedId b) { return a._entry == b._entry; }
+
+  // Order by text, bytewise; the null id sorts first.
+  static int CompareText(InternedId a, InternedId b);
+
+  // Number of ids in the pool.
+  static size_t PoolSize();
+
+ private:
+  explicit InternedId(const detail::InternedEntry* entry) : _entry(entry) {}
+  const detail::InternedEntry* _entry = nullptr;
+};
+
+}  // namespace orvix
+
+template <>
+struct std::hash<orvix::InternedId> {
+  size_t operator()(orvix::InternedId id) const noexcept { return id.GetHashCode(); }
+};
