@@ -30,11 +30,11 @@ ERROR_CLASS ClassOfId(std::string_view id) {
 }
 }  // namespace
 
-Error::Error(ERROR_CLASS cls, std::string message, std::source_location where)
+Error::Error(ERROR_CLASS cls, std::string message, SourceLocation where)
     : _payload(std::make_shared<const Payload>(
           Payload{cls, std::string(ClassIdOf(cls)), std::move(message), where})) {}
 
-Error::Error(std::string classId, std::string message, std::source_location where) {
+Error::Error(std::string classId, std::string message, SourceLocation where) {
   ERROR_CLASS cls = ClassOfId(classId);
   _payload = std::make_shared<const Payload>(
       Payload{cls, std::move(classId), std::move(message), where});
@@ -59,7 +59,7 @@ std::string_view ToString(ERROR_CLASS cls) {
   return "unknown";
 }
 
-Error OutOfMemoryError(std::source_location where) {
+Error OutOfMemoryError(SourceLocation where) {
   // Made once and shared: when memory is gone, building a fresh message is the
   // last thing that should be attempted.
   static const Error oom(ERROR_CLASS::OUT_OF_MEMORY, "Out of memory.", where);
@@ -80,7 +80,7 @@ std::string ConditionMessage(CONDITION_KIND kind, std::string_view conditionText
 }
 
 Error ConditionError(CONDITION_KIND kind, std::string_view conditionText,
-                     std::source_location where) {
+                     SourceLocation where) {
   ERROR_CLASS cls = kind == CONDITION_KIND::ILLEGAL_ARGUMENT ? ERROR_CLASS::ILLEGAL_ARGUMENT
                     : kind == CONDITION_KIND::ILLEGAL_STATE  ? ERROR_CLASS::ILLEGAL_STATE
                                                              : ERROR_CLASS::UNEXPECTED;

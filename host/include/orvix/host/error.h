@@ -8,6 +8,38 @@
 
 namespace orvix {
 
+// Where an error was made. libstdc++ offers std::source_location only to
+// compilers with __builtin_source_location, which clang 14 (the fuzz targets'
+// compiler) lacks; the older builtins give the same facts.
+#if defined(__cpp_lib_source_location)
+using SourceLocation = std::source_location;
+#else
+class SourceLocation {
+ public:
+  static constexpr SourceLocation current(const char* file = __builtin_FILE(),
+                                          const char* function = __builtin_FUNCTION(),
+                                          unsigned line = __builtin_LINE(),
+                                          unsigned column = __builtin_COLUMN()) noexcept {
+    SourceLocation l;
+    l._file = file;
+    l._function = function;
+    l._line = line;
+    l._column = column;
+    return l;
+  }
+  constexpr const char* file_name() const noexcept { return _file; }
+  constexpr const char* function_name() const noexcept { return _function; }
+  constexpr unsigned line() const noexcept { return _line; }
+  constexpr unsigned column() const noexcept { return _column; }
+
+ private:
+  const char* _file = "";
+  const char* _function = "";
+  unsigned _line = 0;
+  unsigned _column = 0;
+};
+#endif
+
 // The classes an error can have. REGISTERED stands for an error class that a
 // module registered under an id of its own (see Error::GetClassId).
 enum class ERROR_CLASS {
@@ -37,16 +69,16 @@ inline constexpr std::string_view ERROR_ID_UNSUPPORTED_OPERATION =
 class Error {
  public:
   Error(ERROR_CLASS cls, std::string message,
-        std::source_location where = std::source_location::current());
+        SourceLocation where = SourceLocation::current());
   // An error of a registered class, named by its id.
   Error(std::string classId, std::string message,
-        std::source_location where = std::source_location::current());
+        SourceLocation where = SourceLocation::current());
 
   ERROR_CLASS GetClass() const { return _payload->cls; }
   // The id of the class: one of the ERROR_ID_... constants or a registered id.
   std::string_view GetClassId() const { return _payload->classId; }
   const std::string& GetMessage() const { return _payload->message; }
-  const std::source_location& GetLocation() const { return _payload->where; }
+  const SourceLocation& GetLocation() const { return _payload->where; }
 
   // "message (file:line)", for diagnostics.
   std::string Describe() const;
@@ -61,7 +93,7 @@ class Error {
     ERROR_CLASS cls;
     std::string classId;
     std::string message;
-    std::source_location where;
+    SourceLocation where;
   };
   std::shared_ptr<const Payload> _payload;
 };
@@ -69,14 +101,14 @@ class Error {
 std::string_view ToString(ERROR_CLASS cls);
 
 // The out-of-memory error, made without allocating a new payload.
-Error OutOfMemoryError(std::source_location where = std::source_location::current());
+Error OutOfMemoryError(SourceLocation where = SourceLocation::current());
 
 // The text of a failed condition: "<prefix>: Condition <text> not fulfilled. ".
 // The trailing blank is part of the system's message.
 enum class CONDITION_KIND { ILLEGAL_ARGUMENT, ILLEGAL_STATE, ASSERTION };
 std::string ConditionMessage(CONDITION_KIND kind, std::string_view conditionText);
 Error ConditionError(CONDITION_KIND kind, std::string_view conditionText,
-                     std::source_location where = std::source_location::current());
+                     SourceLocation where = SourceLocation::current());
 
 }  // namespace orvix
 

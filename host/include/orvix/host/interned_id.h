@@ -57,6 +57,13 @@ class InternedId {
 
   // The pointer that stands for the id; equal for equal ids.
   const void* GetPointer() const { return _entry; }
+  // The id a pointer from GetPointer stands for. Lets compact keys keep an id
+  // as a bare word (with flags in its low bits, which the entry's alignment
+  // leaves free) and turn it back.
+  static InternedId FromPointer(const void* p) {
+    return InternedId(static_cast<const detail::InternedEntry*>(p));
+  }
+  static constexpr size_t POINTER_ALIGNMENT = alignof(detail::InternedEntry);
 
   friend bool operator==(InternedId a, InternedId b) { return a._entry == b._entry; }
 
