@@ -1,5 +1,7 @@
 #include "orvix/host/data.h"
 
+#include "orvix/host/hash.h"
+
 #include <array>
 #include <cmath>
 #include <cstring>
@@ -132,19 +134,6 @@ Registry& TheRegistry() {
   // static destructors included.
   static Registry* registry = new Registry();
   return *registry;
-}
-
-uint64_t Mix(uint64_t x) {
-  x ^= x >> 30;
-  x *= 0xbf58476d1ce4e5b9ULL;
-  x ^= x >> 27;
-  x *= 0x94d049bb133111ebULL;
-  x ^= x >> 31;
-  return x;
-}
-
-uint64_t Combine(uint64_t seed, uint64_t value) {
-  return Mix(seed ^ (value + 0x9e3779b97f4a7c15ULL + (seed << 6) + (seed >> 2)));
 }
 
 uint64_t TypeSeed(const DataType* type) {
@@ -662,7 +651,7 @@ uint64_t Data::GetHashCode() const {
       value = _Bits();
       break;
   }
-  return Combine(TypeSeed(_type), value);
+  return CombineHash(TypeSeed(_type), value);
 }
 
 void Data::AppendTo(std::string& out) const {
@@ -838,8 +827,8 @@ bool operator==(const DataArray& a, const DataArray& b) {
 }
 
 uint64_t DataArray::GetHashCode() const {
-  uint64_t h = Combine(TypeSeed(GetType()), GetCount());
-  for (const Data& element : GetElements()) h = Combine(h, element.GetHashCode());
+  uint64_t h = CombineHash(TypeSeed(GetType()), GetCount());
+  for (const Data& element : GetElements()) h = CombineHash(h, element.GetHashCode());
   return h;
 }
 
@@ -963,8 +952,8 @@ uint64_t DataDictionary::GetHashCode() const {
   // A sum, so that the order of the entries doesn't matter.
   uint64_t sum = 0;
   for (const Entry& entry : GetEntries())
-    sum += Combine(entry.key.GetHashCode(), Mix(entry.value.GetHashCode()));
-  return Combine(TypeSeed(BuiltinDataType(DATA_STORAGE::DICTIONARY)), sum);
+    sum += CombineHash(entry.key.GetHashCode(), MixHash(entry.value.GetHashCode()));
+  return CombineHash(TypeSeed(BuiltinDataType(DATA_STORAGE::DICTIONARY)), sum);
 }
 
 void DataDictionary::AppendTo(std::string& out) const {

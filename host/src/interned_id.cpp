@@ -1,5 +1,7 @@
 #include "orvix/host/interned_id.h"
 
+#include "orvix/host/hash.h"
+
 #include <array>
 #include <atomic>
 #include <cstring>
@@ -13,15 +15,6 @@ namespace orvix {
 
 namespace {
 
-uint64_t Mix(uint64_t x) {
-  x ^= x >> 30;
-  x *= 0xbf58476d1ce4e5b9ULL;
-  x ^= x >> 27;
-  x *= 0x94d049bb133111ebULL;
-  x ^= x >> 31;
-  return x;
-}
-
 // A string hash that reads eight bytes a step; strings of ids are short.
 uint64_t HashText(std::string_view s) {
   uint64_t h = 0x9e3779b97f4a7c15ULL ^ (s.size() * 0xff51afd7ed558ccdULL);
@@ -29,11 +22,11 @@ uint64_t HashText(std::string_view s) {
   for (; i + 8 <= s.size(); i += 8) {
     uint64_t w;
     std::memcpy(&w, s.data() + i, 8);
-    h = Mix(h ^ w);
+    h = MixHash(h ^ w);
   }
   uint64_t tail = 0;
   std::memcpy(&tail, s.data() + i, s.size() - i);
-  return Mix(h ^ tail ^ (uint64_t(s.size() - i) << 56));
+  return MixHash(h ^ tail ^ (uint64_t(s.size() - i) << 56));
 }
 
 // Sharded so that threads interning different ids rarely meet on one lock;
