@@ -10,6 +10,12 @@
 namespace orvix {
 
 namespace {
+// Intern "<" and ">" while the library loads, so that the queries that test for
+// a port-list part never allocate, and can't fail, on first use.
+[[maybe_unused]] const bool g_portListIdsReady = NodePath::GetInputsId().IsPopulated();
+}  // namespace
+
+namespace {
 
 constexpr char ESCAPE = '\\';
 

@@ -12,13 +12,18 @@ std::mutex& SinkMutex() {
 }
 
 void DefaultSink(OUTPUT_LEVEL level, std::string_view text) {
+  // One locked write per line, so that lines from several threads stay whole.
   std::FILE* f = level == OUTPUT_LEVEL::DIAGNOSTIC ? stdout : stderr;
-  std::fwrite(text.data(), 1, text.size(), f);
-  std::fputc('\n', f);
+  flockfile(f);
+  fwrite_unlocked(text.data(), 1, text.size(), f);
+  fputc_unlocked('\n', f);
+  funlockfile(f);
 }
 
-OutputSink& CurrentSink() {
-  static OutputSink sink = DefaultSink;
+// The sink is held by a shared pointer so that a writer can call it outside
+// the lock: a sink may itself write output, or be replaced meanwhile.
+std::shared_ptr<const OutputSink>& CurrentSink() {
+  static std::shared_ptr<const OutputSink> sink = std::make_shared<const OutputSink>(DefaultSink);
   return sink;
 }
 }  // namespace
@@ -33,19 +38,23 @@ std::string_view ToString(OUTPUT_LEVEL level) {
 }
 
 OutputSink SetOutputSink(OutputSink sink) {
+  auto fresh = std::make_shared<const OutputSink>(sink ? std::move(sink) : OutputSink(DefaultSink));
   std::lock_guard lock(SinkMutex());
-  OutputSink previous = std::move(CurrentSink());
-  CurrentSink() = sink ? std::move(sink) : OutputSink(DefaultSink);
+  OutputSink previous = *CurrentSink();
+  CurrentSink() = std::move(fresh);
   return previous;
 }
 
 void Output(OUTPUT_LEVEL level, std::string_view text) {
-  // Lines from several threads stay whole: the sink is called under the lock.
-  std::lock_guard lock(SinkMutex());
-  CurrentSink()(level, text);
+  std::shared_ptr<const OutputSink> sink;
+  {
+    std::lock_guard lock(SinkMutex());
+    sink = CurrentSink();
+  }
+  (*sink)(level, text);
 }
 
-void ReportInternalError() { Output(OUTPUT_LEVEL::STOP, INTERNAL_ERROR_TEXT); }
+void ReportInternalError() { Output(OUTPUT_LEVEL::CRITICAL, INTERNAL_ERROR_TEXT); }
 
 struct CapturedOutput::State {
   mutable std::mutex mutex;

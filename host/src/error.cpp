@@ -30,14 +30,25 @@ ERROR_CLASS ClassOfId(std::string_view id) {
 }
 }  // namespace
 
-Error::Error(ERROR_CLASS cls, std::string message, SourceLocation where)
-    : _payload(std::make_shared<const Payload>(
-          Payload{cls, std::string(ClassIdOf(cls)), std::move(message), where})) {}
+// An error must be makeable when memory has run out: if its payload can't be
+// allocated, the error becomes the shared out-of-memory error.
+Error::Error(ERROR_CLASS cls, std::string message, SourceLocation where) noexcept {
+  try {
+    _payload = std::make_shared<const Payload>(
+        Payload{cls, std::string(ClassIdOf(cls)), std::move(message), where});
+  } catch (const std::bad_alloc&) {
+    _payload = OutOfMemoryError()._payload;
+  }
+}
 
-Error::Error(std::string classId, std::string message, SourceLocation where) {
-  ERROR_CLASS cls = ClassOfId(classId);
-  _payload = std::make_shared<const Payload>(
-      Payload{cls, std::move(classId), std::move(message), where});
+Error::Error(std::string classId, std::string message, SourceLocation where) noexcept {
+  try {
+    ERROR_CLASS cls = ClassOfId(classId);
+    _payload = std::make_shared<const Payload>(
+        Payload{cls, std::move(classId), std::move(message), where});
+  } catch (const std::bad_alloc&) {
+    _payload = OutOfMemoryError()._payload;
+  }
 }
 
 std::string Error::Describe() const {
@@ -62,9 +73,16 @@ std::string_view ToString(ERROR_CLASS cls) {
 Error OutOfMemoryError(SourceLocation where) {
   // Made once and shared: when memory is gone, building a fresh message is the
   // last thing that should be attempted.
-  static const Error oom(ERROR_CLASS::OUT_OF_MEMORY, "Out of memory.", where);
+  // Made at the first call, which the library provokes while it loads (below),
+  // so that it exists before memory can run out.
+  static const Error oom(std::make_shared<const Error::Payload>(Error::Payload{
+      ERROR_CLASS::OUT_OF_MEMORY, std::string(ERROR_ID_OUT_OF_MEMORY), "Out of memory.", where}));
   return oom;
 }
+
+namespace {
+[[maybe_unused]] const bool g_outOfMemoryErrorReady = !OutOfMemoryError().GetMessage().empty();
+}  // namespace
 
 std::string ConditionMessage(CONDITION_KIND kind, std::string_view conditionText) {
   std::string_view prefix;

@@ -25,7 +25,7 @@ uint64_t HashText(std::string_view s) {
     h = MixHash(h ^ w);
   }
   uint64_t tail = 0;
-  std::memcpy(&tail, s.data() + i, s.size() - i);
+  if (s.size() > i) std::memcpy(&tail, s.data() + i, s.size() - i);
   return MixHash(h ^ tail ^ (uint64_t(s.size() - i) << 56));
 }
 
@@ -92,7 +92,9 @@ int InternedId::CompareText(InternedId a, InternedId b) {
   if (a._entry == b._entry) return 0;
   if (!a._entry) return -1;
   if (!b._entry) return 1;
-  int c = std::strcmp(a._entry->text.c_str(), b._entry->text.c_str());
+  // Bytewise like strcmp, but over the whole text: a part may hold a NUL, and
+  // two different ids must never compare equal.
+  int c = std::string_view(a._entry->text).compare(b._entry->text);
   return c < 0 ? -1 : (c > 0 ? 1 : 0);
 }
 

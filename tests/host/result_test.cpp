@@ -37,6 +37,18 @@ TEST(Result, ValuesAndErrorsPropagate) {
             "Assertion failed: Condition w->wires not fulfilled. ");
 }
 
+Result<int> PassOn(const Result<int>& named) {
+  ORVIX_TRY(named);
+  return *named + 1;
+}
+
+TEST(Result, TryLeavesANamedResultIntact) {
+  Result<int> failed = Half(3);
+  EXPECT_FALSE(PassOn(failed));
+  EXPECT_EQ(failed.GetError().GetMessage(), "Illegal argument: Condition v % 2 == 0 not fulfilled. ");
+  EXPECT_EQ(*PassOn(Half(4)), 3);
+}
+
 TEST(Result, ErrorCarriesClassIdAndLocation) {
   Error e(std::string(ERROR_ID_UNSUPPORTED_OPERATION), "nope");
   EXPECT_EQ(e.GetClass(), ERROR_CLASS::UNSUPPORTED_OPERATION);
@@ -58,7 +70,7 @@ TEST(Diagnostics, CaptureSeesInternalErrorStop) {
   CapturedOutput captured;
   ReportInternalError();
   DiagnosticOutput("Time for @: @", "x", 3);
-  EXPECT_EQ(captured.Texts(OUTPUT_LEVEL::STOP), std::vector<std::string>{"Stop: Internal error."});
+  EXPECT_EQ(captured.Texts(OUTPUT_LEVEL::CRITICAL), std::vector<std::string>{"Stop: Internal error."});
   EXPECT_TRUE(captured.Contains("Time for x: 3"));
 }
 

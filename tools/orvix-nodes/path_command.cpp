@@ -31,7 +31,7 @@ nlohmann::ordered_json DescribePath(const std::string& input, const NodePath& pa
 }
 
 void PrintText(std::ostream& out, const nlohmann::ordered_json& d) {
-  out << "path " << d["input"].dump() << "\n";
+  out << "path '" << d["input"].get<std::string>() << "'\n";
   out << "  string:         " << d["string"].get<std::string>() << "\n";
   out << "  parts:          ";
   bool first = true;
@@ -74,7 +74,7 @@ void AddPathCommand(CLI::App& app, Context& context, int& result) {
                             {"topLevelPort", nullptr}, {"nodeCount", nullptr},
                             {"error", message}});
         } else {
-          *context.err << "path " << nlohmann::ordered_json(input).dump() << ": " << message << "\n";
+          *context.err << "path '" << input << "': " << message << "\n";
         }
         continue;
       }

@@ -43,6 +43,18 @@ void AddRunCommand(CLI::App& app, Context& context, int& result) {
   auto file = std::make_shared<std::string>();
   cmd->add_option("file", *file, "The command file; '#' starts a comment line")->required();
   cmd->callback([&context, &result, file] {
+    // A command file may not run another one (nor itself): the lines run
+    // in-process, so nesting would recurse without end.
+    static thread_local bool running = false;
+    if (running) {
+      *context.err << "run: a command file can't run another command file\n";
+      result = EXIT_FAILED;
+      return;
+    }
+    running = true;
+    struct Reset {
+      ~Reset() { running = false; }
+    } reset;
     std::ifstream in(*file);
     if (!in) {
       *context.err << "run: can't open " << *file << "\n";
@@ -60,7 +72,7 @@ void AddRunCommand(CLI::App& app, Context& context, int& result) {
       std::string command = line.substr(start + (expectFailure ? 1 : 0));
       command.erase(0, command.find_first_not_of(" \t"));
       std::vector<std::string> words;
-      if (!SplitWords(command, words) || words.empty() || words[0] == "run") {
+      if (!SplitWords(command, words) || words.empty()) {
         *context.err << *file << ":" << lineNumber << ": not a command line\n";
         result = EXIT_FAILED;
         continue;

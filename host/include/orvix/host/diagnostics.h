@@ -14,7 +14,7 @@ namespace orvix {
 enum class OUTPUT_LEVEL {
   DIAGNOSTIC,  // information for developers
   CRITICAL,    // something went wrong that a user should hear of
-  STOP,        // a broken invariant; the operation that found it gives up
+  STOP,        // a critical stop record, written after a critical line that needs one
 };
 
 std::string_view ToString(OUTPUT_LEVEL level);
@@ -46,7 +46,7 @@ void CriticalOutput(std::string_view pattern, const Args&... args) {
 // The text written when an operation finds a broken invariant.
 inline constexpr std::string_view INTERNAL_ERROR_TEXT = "Stop: Internal error.";
 
-// Writes "Stop: Internal error." as a critical stop record. The caller then
+// Writes "Stop: Internal error." to the critical output. The caller then
 // yields an empty result; nothing is thrown and nothing aborts.
 void ReportInternalError();
 

@@ -69,10 +69,10 @@ inline constexpr std::string_view ERROR_ID_UNSUPPORTED_OPERATION =
 class Error {
  public:
   Error(ERROR_CLASS cls, std::string message,
-        SourceLocation where = SourceLocation::current());
+        SourceLocation where = SourceLocation::current()) noexcept;
   // An error of a registered class, named by its id.
   Error(std::string classId, std::string message,
-        SourceLocation where = SourceLocation::current());
+        SourceLocation where = SourceLocation::current()) noexcept;
 
   ERROR_CLASS GetClass() const { return _payload->cls; }
   // The id of the class: one of the ERROR_ID_... constants or a registered id.
@@ -95,6 +95,8 @@ class Error {
     std::string message;
     SourceLocation where;
   };
+  friend Error OutOfMemoryError(SourceLocation where);
+  explicit Error(std::shared_ptr<const Payload> payload) noexcept : _payload(std::move(payload)) {}
   std::shared_ptr<const Payload> _payload;
 };
 

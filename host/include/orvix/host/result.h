@@ -79,7 +79,8 @@ inline Result<void> Ok() { return {}; }
 #define ORVIX_TRY(expr)                                           \
   do {                                                            \
     auto&& orvix_try_result_ = (expr);                            \
-    if (!orvix_try_result_) return std::move(orvix_try_result_).GetError(); \
+    if (!orvix_try_result_)                                       \
+      return std::forward<decltype(orvix_try_result_)>(orvix_try_result_).GetError(); \
   } while (0)
 
 #define ORVIX_CONCAT_INNER_(a, b) a##b
