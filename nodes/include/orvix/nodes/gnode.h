@@ -1,0 +1,66 @@
+#pragma once
+// GNode: the handle by which everything outside the store names an element of
+// a node system (a node, a port list or a port).
+//
+// A handle caches where the element's record was found: the record, the
+// system that holds it (this system, a base, or a nested system) and a stamp
+// of that moment. It stays usable across changes: the system revalidates it
+// by comparing stamps, and only looks the path up again when the stamps say
+// that records may have moved. A handle whose stamp is current is therefore
+// resolved without any hashing.
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "orvix/graph/node_kind.h"
+#include "orvix/graph/node_path.h"
+#include "orvix/host/ref.h"
+
+namespace orvix::nodes {
+
+class NodeSystem;
+class NodeSystemImpl;
+struct NodeInfo;
+
+struct GNode {
+  // The element's path in the system that made the handle.
+  NodePath path;
+  // The record; null if the handle is unresolved or the element is gone.
+  NodeInfo* info = nullptr;
+  // The system that holds `info`.
+  NodeSystemImpl* system = nullptr;
+  // When `info` was last known to be right (see NodeSystemImpl::Refresh).
+  uint64_t stamp = 0;
+
+  GNode() = default;
+  explicit GNode(NodePath p, NodeInfo* i = nullptr, NodeSystemImpl* s = nullptr, uint64_t st = 0)
+      : path(std::move(p)), info(i), system(s), stamp(st) {}
+
+  // True if the handle has a record.
+  bool IsPopulated() const noexcept { return info != nullptr; }
+  explicit operator bool() const noexcept { return IsPopulated(); }
+  // The kind that the path names; the root is NODE only when populated.
+  NODE_KIND GetKind() const noexcept { return path.GetKind(info != nullptr); }
+  std::string ToString() const { return path.ToString(); }
+};
+
+// The state of a walk over the children of an element: GetFirstChild starts
+// it, GetNextChild moves it on. The walk reads the element's record and its
+// base chain; it stays valid while the system isn't modified.
+struct ChildIterator {
+  GNode parent;
+  // The element's own record, and the record whose child table is walked.
+  const NodeInfo* own = nullptr;
+  const NodeInfo* current = nullptr;
+  size_t index = 0;
+};
+
+// A system under modification, with the handle of its root: what creating a
+// system for editing yields.
+struct MutableRoot {
+  Ref<NodeSystem> _system;
+  GNode _root;
+};
+
+}  // namespace orvix::nodes

@@ -1,0 +1,181 @@
+// NodeSystemImpl: finding records through layers, nested systems and bases,
+// and keeping handles up to date.
+
+#include <utility>
+
+#include "orvix/host/diagnostics.h"
+#include "orvix/host/error.h"
+#include "orvix/host/format.h"
+#include "store/node_system_impl.h"
+
+namespace orvix::nodes {
+
+namespace {
+// More hops than any sane nesting of systems: a cycle of nested systems.
+constexpr size_t MAX_HOPS = 4096;
+
+NodeSystemImpl* NestedOf(const NodeInfo* info) {
+  if (!info || !info->HasFlags(GNODE_FLAGS_IMPL::DIRECT_INSTANCE)) return nullptr;
+  const NodeRecord* node = info->AsNode();
+  return node ? node->GetNestedSystemImpl() : nullptr;
+}
+}  // namespace
+
+FoundNode NodeSystemImpl::_FindPlain(NodePath::Block parts, uint64_t hash, bool skipOwn) const {
+  const InternedId inputs = NodePath::GetInputsId();
+  const InternedId outputs = NodePath::GetOutputsId();
+  const NodeSystemImpl* system = this;
+  for (size_t hop = 0; hop < MAX_HOPS; ++hop) {
+    const NodeMap* map = system->_nodes.Get();
+    if (!map) return {};
+    if (!skipOwn) {
+      if (NodeInfo* info = map->Find(hash, parts)) {
+        return {info, const_cast<NodeSystemImpl*>(system)};
+      }
+    }
+    skipOwn = false;
+    // A path into a nested node continues in the nested system, under the
+    // nested system's own path.
+    if (parts.size() >= 2 && !(parts[0] == inputs) && !(parts[0] == outputs)) {
+      const NodePath::Block first = parts.first(1);
+      if (NodeSystemImpl* nested = NestedOf(map->Find(NodePath::HashBlock(first), first))) {
+        system = nested;
+        parts = parts.subspan(1);
+        hash = NodePath::HashBlock(parts);
+        continue;
+      }
+    }
+    // What this system doesn't hold, the base behind its root may.
+    if (NodeSystemImpl* base = NestedOf(map->Find(0, NodePath::Block()))) {
+      system = base;
+      continue;
+    }
+    return {};
+  }
+  ReportInternalError();
+  return {};
+}
+
+bool NodeSystemImpl::_CheckBaseHit(NodePath::Block parts, const FoundNode& hit) const {
+  // A level between this system and the one that gave the hit may have
+  // removed an element on the way; such a removal is a child record without
+  // ADDED in a record of that level.
+  const uint64_t hitLevel = hit.system->_level;
+  for (size_t i = 0; i < parts.size(); ++i) {
+    const NodePath::Block prefix = parts.first(i);
+    const FoundNode at = _FindPlain(prefix, NodePath::HashBlock(prefix), false);
+    if (!at) {
+      ReportInternalError();
+      return false;
+    }
+    const NodeInfo* record = at.info;
+    const NodeSystemImpl* holder = at.system;
+    while (record && holder && holder->_level > hitLevel) {
+      if (const ChildRecord* child = record->children.Find(parts[i])) {
+        if (!HasAny(child->flags, CHILD_FLAGS::ADDED)) return false;
+        break;
+      }
+      holder = record->baseSystem;
+      record = record->base;
+    }
+  }
+  return true;
+}
+
+FoundNode NodeSystemImpl::_FindChecked(NodePath::Block parts, uint64_t hash, NODE_KIND kinds,
+                                       bool mayBeAbsent, bool skipOwn) const {
+  FoundNode found = _FindPlain(parts, hash, skipOwn);
+  if (found && found.system != this && !_CheckBaseHit(parts, found)) found = {};
+  if (found && !HasAny(found.info->GetKind(), kinds)) found = {};
+  if (!found && !mayBeAbsent) ReportInternalError();
+  return found;
+}
+
+FoundNode NodeSystemImpl::FindNode(const NodePath& path, NODE_KIND kinds, bool mayBeAbsent,
+                                   bool skipOwn) const {
+  return _FindChecked(path.ToBlock(), path.GetHashCode(), kinds, mayBeAbsent, skipOwn);
+}
+
+FoundNode NodeSystemImpl::FindNode(NodePath::Block parts, NODE_KIND kinds, bool mayBeAbsent,
+                                   bool skipOwn) const {
+  return _FindChecked(parts, NodePath::HashBlock(parts), kinds, mayBeAbsent, skipOwn);
+}
+
+void NodeSystemImpl::Refresh(GNode& handle) const {
+  if (!handle.info) return;
+  if (!_nodes) {
+    handle.info = nullptr;
+    return;
+  }
+  if (handle.system == this) {
+    if (handle.stamp >= _movedStamp) return;
+    if (NodeInfo* info = _nodes->Find(handle.path)) {
+      handle.info = info;
+      handle.stamp = _movedStamp;
+      return;
+    }
+  } else {
+    if (handle.stamp >= _createdStamp) return;
+    if (NodeInfo* info = _nodes->Find(handle.path)) {
+      handle.info = info;
+      handle.system = const_cast<NodeSystemImpl*>(this);
+      handle.stamp = _movedStamp;
+      return;
+    }
+    if (_removedStamp <= handle.stamp) {
+      // Nothing was made here nor removed since: the base still answers.
+      handle.stamp = _createdStamp;
+      return;
+    }
+  }
+  const FoundNode found = FindNode(handle.path, NODE_KIND::ALL_MASK, true);
+  handle.info = found.info;
+  if (found) {
+    handle.system = found.system;
+    handle.stamp = _StampFor(found.system);
+  }
+}
+
+Result<NodeInfo*> NodeSystemImpl::Resolve(GNode& handle) const {
+  if (!handle.info) return Error(ERROR_CLASS::NULL_OBJECT, "Nullptr node");
+  Refresh(handle);
+  if (!handle.info) {
+    return Error(ERROR_CLASS::ILLEGAL_ARGUMENT,
+                 FormatMessage("Node with path @ doesn't exist any longer.", handle.path));
+  }
+  return handle.info;
+}
+
+GNode NodeSystemImpl::MakeResolvedHandle(const NodePath& path) const {
+  const FoundNode found = FindNode(path, NODE_KIND::ALL_MASK, true);
+  if (!found) return GNode();
+  return GNode(path, found.info, found.system, _StampFor(found.system));
+}
+
+GNode NodeSystemImpl::FindByPath(const NodePath& path) const {
+  return MakeResolvedHandle(path);
+}
+
+GNode NodeSystemImpl::MakeHandle(const NodePath& path) const {
+  GNode handle = MakeResolvedHandle(path);
+  if (!handle) handle.path = path;
+  return handle;
+}
+
+GNode NodeSystemImpl::GetRoot() const {
+  return MakeResolvedHandle(NodePath());
+}
+
+bool NodeSystemImpl::IsValid(const GNode& node) const {
+  GNode handle = node;
+  Refresh(handle);
+  return handle.info != nullptr;
+}
+
+Result<GNODE_FLAGS> NodeSystemImpl::GetFlags(const GNode& node) const {
+  GNode handle = node;
+  ORVIX_TRY_ASSIGN(NodeInfo * info, Resolve(handle));
+  return ToPublicFlags(info->flags);
+}
+
+}  // namespace orvix::nodes

@@ -1,0 +1,133 @@
+#include "store/node_map.h"
+
+#include <new>
+#include <utility>
+
+namespace orvix::nodes {
+
+namespace {
+bool SameParts(const NodePath& path, NodePath::Block parts) noexcept {
+  NodePath::Block own = path.ToBlock();
+  if (own.size() != parts.size()) return false;
+  for (size_t i = 0; i < own.size(); ++i) {
+    if (!(own[i] == parts[i])) return false;
+  }
+  return true;
+}
+}  // namespace
+
+Result<Ref<NodeMap>> NodeMap::Create(Ref<NodeMap> parent) {
+  NodeMap* map = new (std::nothrow) NodeMap();
+  if (!map) return OutOfMemoryError();
+  Ref<NodeMap> ref(map);
+  if (parent) {
+    map->_depth = parent->_depth + 1;
+    map->_parent = std::move(parent);
+  }
+  return ref;
+}
+
+NodeMap::~NodeMap() {
+  for (Entry* head : _buckets) {
+    while (head) {
+      Entry* next = head->next;
+      NodeInfo::Free(head->info);
+      delete head;
+      head = next;
+    }
+  }
+  // Release deep chains of frozen layers iteratively: a layer whose last owner
+  // is this one would otherwise recurse once per layer.
+  Ref<NodeMap> parent = std::move(_parent);
+  while (parent && parent->HasSingleOwner()) {
+    Ref<NodeMap> next = std::move(parent->_parent);
+    parent.Reset();
+    parent = std::move(next);
+  }
+}
+
+const NodeMap::Entry* NodeMap::FindInLayer(uint64_t hash, Block parts) const noexcept {
+  if (_buckets.empty()) return nullptr;
+  for (const Entry* e = _buckets[_BucketOf(hash)]; e; e = e->next) {
+    if (e->hash == hash && SameParts(e->path, parts)) return e;
+  }
+  return nullptr;
+}
+
+NodeMap::Entry* NodeMap::FindInLayer(uint64_t hash, Block parts) noexcept {
+  return const_cast<Entry*>(std::as_const(*this).FindInLayer(hash, parts));
+}
+
+const NodeMap::Entry* NodeMap::FindEntry(uint64_t hash, Block parts) const noexcept {
+  for (const NodeMap* layer = this; layer; layer = layer->_parent.Get()) {
+    if (const Entry* e = layer->FindInLayer(hash, parts)) return e;
+  }
+  return nullptr;
+}
+
+Result<void> NodeMap::_Grow() {
+  size_t size = _buckets.empty() ? INITIAL_BUCKETS : _buckets.size();
+  while ((_count + 1) * 16 > size * 10) size *= 2;
+  if (size == _buckets.size()) return Ok();
+  std::vector<Entry*> buckets;
+  try {
+    buckets.assign(size, nullptr);
+  } catch (const std::bad_alloc&) {
+    return OutOfMemoryError();
+  }
+  std::swap(buckets, _buckets);
+  // Relink: the entries stay where they are, only the chains change.
+  for (Entry* head : buckets) {
+    while (head) {
+      Entry* next = head->next;
+      Entry*& slot = _buckets[_BucketOf(head->hash)];
+      head->next = slot;
+      slot = head;
+      head = next;
+    }
+  }
+  return Ok();
+}
+
+Result<NodeMap::Entry*> NodeMap::AddEntry(const NodePath& path, NodeInfo* info) {
+  ORVIX_TRY(_Grow());
+  Entry* e = new (std::nothrow) Entry();
+  if (!e) return OutOfMemoryError();
+  e->hash = path.GetHashCode();
+  e->path = path;
+  e->info = info;
+  Entry*& slot = _buckets[_BucketOf(e->hash)];
+  e->next = slot;
+  slot = e;
+  ++_count;
+  return e;
+}
+
+void NodeMap::Publish(Entry* entry) noexcept {
+  bool expected = false;
+  entry->published.compare_exchange_strong(expected, true, std::memory_order_acq_rel);
+}
+
+void NodeMap::Unpublish(Entry* entry) noexcept {
+  bool expected = true;
+  entry->published.compare_exchange_strong(expected, false, std::memory_order_acq_rel);
+}
+
+void NodeMap::DeleteEntry(Entry* entry) noexcept {
+  if (_buckets.empty()) return;
+  for (Entry** link = &_buckets[_BucketOf(entry->hash)]; *link; link = &(*link)->next) {
+    if (*link == entry) {
+      *link = entry->next;
+      --_count;
+      NodeInfo::Free(entry->info);
+      delete entry;
+      return;
+    }
+  }
+}
+
+size_t NodeMap::GetLayerBytes() const noexcept {
+  return sizeof(NodeMap) + _buckets.capacity() * sizeof(Entry*) + _count * sizeof(Entry);
+}
+
+}  // namespace orvix::nodes

@@ -1,0 +1,382 @@
+// NodeSystemImpl: creation, copies, fetching records for writing, removal of
+// entries and compaction of the map.
+
+#include "store/node_system_impl.h"
+
+#include <new>
+#include <unordered_set>
+#include <utility>
+
+#include "orvix/host/diagnostics.h"
+#include "orvix/host/error.h"
+#include "orvix/host/format.h"
+
+namespace orvix::nodes {
+
+namespace {
+constexpr std::string_view NOT_VALIDATED_COPY =
+    "Can't make a copy when the base node system hasn't been validated.";
+constexpr std::string_view BASE_NOT_INITIALIZED = "Base nodesystem hasn't been initialized.";
+constexpr std::string_view BASE_NOT_VALIDATED = "Base nodesystem hasn't been validated.";
+
+Result<void> CheckUsableSource(const NodeSystemImpl& source) {
+  if (!source.IsInitialized())
+    return Error(ERROR_CLASS::ILLEGAL_STATE, std::string(BASE_NOT_INITIALIZED));
+  if (!source.IsValidated())
+    return Error(ERROR_CLASS::ILLEGAL_STATE, std::string(BASE_NOT_VALIDATED));
+  return Ok();
+}
+}  // namespace
+
+NodeSystemImpl::NodeSystemImpl() = default;
+
+NodeSystemImpl::~NodeSystemImpl() {
+  _FreeGarbage();
+}
+
+void NodeSystemImpl::_FreeGarbage() noexcept {
+  // Records that removal handed to the lists belong to nobody else; the
+  // records still in the map are freed with it.
+  auto isGarbage = [](const NodeInfo* r) {
+    return HasAny(r->flags, GNODE_FLAGS_IMPL::MODIFIED_G_GARBAGE);
+  };
+  NodeInfo* r = _firstModified;
+  _firstModified = g_modifiedListEnd;
+  while (r && r != g_modifiedListEnd) {
+    NodeInfo* next = r->_nextModified;
+    if (PortRecord* port = r->AsPort()) {
+      NodeInfo* n = port->_firstNestedModified;
+      port->_firstNestedModified = g_modifiedListEnd;
+      while (n && n != g_modifiedListEnd) {
+        NodeInfo* nextNested = n->_nextModified;
+        n->_nextModified = nullptr;
+        if (isGarbage(n)) NodeInfo::Free(n);
+        n = nextNested;
+      }
+    }
+    r->_nextModified = nullptr;
+    if (isGarbage(r)) NodeInfo::Free(r);
+    r = next;
+  }
+}
+
+// ---------------------------------------------------------------------------
+// Creation and copies
+
+Result<Ref<NodeSystemImpl>> NodeSystemImpl::CreateEmpty() {
+  ORVIX_TRY_ASSIGN(Ref<NodeSystemImpl> system, NewRef<NodeSystemImpl>());
+  try {
+    system->_bases.push_back(nullptr);
+  } catch (const std::bad_alloc&) {
+    return OutOfMemoryError();
+  }
+  ORVIX_TRY_ASSIGN(system->_nodes, NodeMap::Create(nullptr));
+  GNode root;
+  ORVIX_TRY_ASSIGN(NodeInfo * rootInfo, system->GetMutable(root, NODE_KIND::NODE));
+  rootInfo->_addedStamp = system->_modificationStamp;
+  const struct {
+    InternedId id;
+    NODE_KIND kind;
+  } lists[] = {{NodePath::GetInputsId(), NODE_KIND::INPUTS},
+               {NodePath::GetOutputsId(), NODE_KIND::OUTPUTS}};
+  for (const auto& list : lists) {
+    ORVIX_TRY(
+        system->SetChildRecord(rootInfo, list.id, CHILD_FLAGS::ADDED | CHILD_FLAGS::SYNTHETIC));
+    ORVIX_TRY_ASSIGN(NodePath path, NodePath().Append(list.id));
+    GNode handle(std::move(path));
+    ORVIX_TRY_ASSIGN(NodeInfo * info, system->GetMutable(handle, list.kind));
+    info->_addedStamp = system->_modificationStamp;
+  }
+  system->_structureStamp = system->_modificationStamp;
+  system->_completeStamp = system->_modificationStamp;
+  return system;
+}
+
+Result<Ref<NodeSystemImpl>> NodeSystemImpl::CreateDerived(Ref<NodeSystemImpl> base) {
+  ORVIX_CHECK_ARGUMENT(base);
+  ORVIX_TRY(CheckUsableSource(*base));
+  ORVIX_TRY_ASSIGN(Ref<NodeSystemImpl> system, NewRef<NodeSystemImpl>());
+  try {
+    system->_bases.push_back(base);
+  } catch (const std::bad_alloc&) {
+    return OutOfMemoryError();
+  }
+  system->_level = base->_level + 1;
+  ORVIX_TRY_ASSIGN(system->_nodes, NodeMap::Create(nullptr));
+  const FoundNode baseRoot = base->FindNode(NodePath(), NODE_KIND::NODE, false);
+  if (!baseRoot) return Error(ERROR_CLASS::ILLEGAL_STATE, std::string(BASE_NOT_INITIALIZED));
+  GNode root(NodePath(), baseRoot.info, baseRoot.system, 0);
+  ORVIX_TRY_ASSIGN(NodeInfo * rootInfo, system->GetMutable(root, NODE_KIND::NODE));
+  rootInfo->flags |= GNODE_FLAGS_IMPL::DIRECT_INSTANCE;
+  NodeRecord* node = rootInfo->AsNode();
+  node->_nestedSystem = base;
+  node->_nestedData.Reset();
+  system->_completeStamp = system->_modificationStamp;
+  return system;
+}
+
+Result<void> NodeSystemImpl::CopyFrom(const NodeSystemImpl& source) {
+  ORVIX_CHECK_STATE(!IsInitialized());
+  ORVIX_TRY(CheckUsableSource(source));
+  if (source._firstModified != g_modifiedListEnd) {
+    return ConditionError(CONDITION_KIND::ASSERTION,
+                          "src._firstModified == g_modifiedListEnd && !src._attribSetup && "
+                          "!src._portValidation && !src._instantiation");
+  }
+  std::vector<Ref<NodeSystem>> bases;
+  try {
+    bases = source._bases;
+  } catch (const std::bad_alloc&) {
+    return OutOfMemoryError();
+  }
+  // The map is shared: both systems now see it as frozen, and the first
+  // write of either puts a layer of its own on top.
+  _nodes = source._nodes;
+  _createdStamp = source._createdStamp;
+  _removedStamp = source._removedStamp;
+  _movedStamp = source._movedStamp;
+  _modificationStamp = source._modificationStamp;
+  _beginStamp = source._beginStamp;
+  _attributeStamp = source._attributeStamp;
+  _metaAttributeStamp = source._metaAttributeStamp;
+  _special0Stamp = source._special0Stamp;
+  _special1Stamp = source._special1Stamp;
+  _structureStamp = source._structureStamp;
+  _connectionStamp = source._connectionStamp;
+  _completeStamp = source._completeStamp;
+  _level = source._level;
+  _attribValidationCount = source._attribValidationCount;
+  _firstModified = g_modifiedListEnd;
+  _mutable = source._mutable;
+  _systemFlags = GNODE_FLAGS_IMPL::NONE;
+  _bases = std::move(bases);
+  return Ok();
+}
+
+// ---------------------------------------------------------------------------
+// Writing
+
+Result<NodeMap*> NodeSystemImpl::GetWritableMap() {
+  if (!_nodes) return ConditionError(CONDITION_KIND::ILLEGAL_STATE, "IsInitialized()");
+  if (!_nodes->HasSingleOwner()) {
+    ORVIX_TRY_ASSIGN(Ref<NodeMap> layer, NodeMap::Create(_nodes));
+    _nodes = std::move(layer);
+  }
+  return _nodes.Get();
+}
+
+Result<NodeInfo*> NodeSystemImpl::GetMutable(GNode& handle, NODE_KIND kind) {
+  ORVIX_TRY_ASSIGN(NodeMap * map, GetWritableMap());
+  const NodePath& path = handle.path;
+  const uint64_t hash = path.GetHashCode();
+  const NodePath::Block parts = path.ToBlock();
+
+  NodeMap::Entry* entry = map->FindInLayer(hash, parts);
+  NodeInfo* info = nullptr;
+  if (entry && entry->IsPublished()) {
+    info = entry->info;
+  } else {
+    // A tombstone in the top layer decides: the element was removed here, so
+    // what the layers below hold is not taken over.
+    const NodeInfo* lower =
+        (!entry && map->GetParent()) ? map->GetParent()->Find(hash, parts) : nullptr;
+    bool created = false;
+    if (lower) {
+      if (!lower->IsClean()) {
+        return Error(ERROR_CLASS::ILLEGAL_STATE, std::string(NOT_VALIDATED_COPY));
+      }
+      info = NodeInfo::Clone(*lower);
+      if (!info) return OutOfMemoryError();
+    } else {
+      info = NodeInfo::Allocate(path.GetKindRaw(), path);
+      if (!info) return OutOfMemoryError();
+      NodeInfo* base = (handle.system && handle.system != this) ? handle.info : nullptr;
+      if (base) {
+        info->flags |= base->flags & GNODE_FLAGS_IMPL::INHERIT_MASK;
+        const NodeRecord* baseNode = base->AsNode();
+        NodeRecord* node = info->AsNode();
+        if (baseNode && node) {
+          node->_nestedSystem = baseNode->_nestedSystem;
+          node->_nestedData = baseNode->_nestedData;
+        }
+        info->base = base;
+        info->baseSystem = handle.system;
+      }
+      info->_nextModified = nullptr;
+      created = true;
+    }
+    bool added = false;
+    if (entry) {
+      NodeInfo::Free(entry->info);
+      entry->info = info;
+    } else {
+      Result<NodeMap::Entry*> made = map->AddEntry(path, info);
+      if (!made) {
+        NodeInfo::Free(info);
+        return std::move(made).GetError();
+      }
+      entry = *made;
+      added = true;
+    }
+    NodeMap::Publish(entry);
+    if (added) ++_movedStamp;
+    if (created) ++_createdStamp;
+  }
+  ++_modificationStamp;
+  if (kind != NODE_KIND::NONE && info->GetKind() != kind) {
+    return Error(
+        ERROR_CLASS::ILLEGAL_ARGUMENT,
+        FormatMessage("Mismatch of node kind: Expected @, found @.", kind, info->GetKind()));
+  }
+  handle.info = info;
+  handle.system = this;
+  handle.stamp = _movedStamp;
+  return info;
+}
+
+Result<void> NodeSystemImpl::SetChildRecord(NodeInfo* parent, InternedId id, CHILD_FLAGS flags,
+                                            bool* inserted) {
+  ORVIX_CHECK_ARGUMENT(parent);
+  try {
+    parent->children.FindOrInsert(id, inserted).flags = flags;
+  } catch (const std::bad_alloc&) {
+    return OutOfMemoryError();
+  }
+  return Ok();
+}
+
+bool NodeSystemImpl::EraseChildRecord(NodeInfo* parent, InternedId id) {
+  return parent && parent->children.Erase(id);
+}
+
+Result<bool> NodeSystemImpl::RemoveEntry(const NodePath& path) {
+  ORVIX_TRY_ASSIGN(NodeMap * map, GetWritableMap());
+  const uint64_t hash = path.GetHashCode();
+  const NodePath::Block parts = path.ToBlock();
+  NodeMap::Entry* entry = map->FindInLayer(hash, parts);
+  const NodeMap* below = map->GetParent();
+  const bool hiddenBelow = below && below->Find(hash, parts) != nullptr;
+
+  bool removed = false;
+  if (entry) {
+    removed = entry->IsPublished();
+    NodeMap::Unpublish(entry);
+    if (entry->info && entry->info->IsOnModifiedList()) {
+      // Validation may still walk the list through this record; the garbage
+      // pass frees it.
+      entry->info->flags |= GNODE_FLAGS_IMPL::MODIFIED_G_GARBAGE;
+      entry->info = nullptr;
+    }
+    if (hiddenBelow) {
+      NodeInfo::Free(entry->info);
+      entry->info = nullptr;
+    } else {
+      map->DeleteEntry(entry);
+    }
+  } else if (hiddenBelow) {
+    ORVIX_TRY(map->AddEntry(path, nullptr));
+    removed = true;
+  } else {
+    return false;
+  }
+  NoteRemoval();
+  return removed;
+}
+
+void NodeSystemImpl::NoteRemoval() noexcept {
+  // Cached record pointers may now point at freed records, and handles into
+  // bases may be hidden by the removal: every handle has to look again.
+  ++_movedStamp;
+  ++_createdStamp;
+  _removedStamp = _createdStamp;
+}
+
+// ---------------------------------------------------------------------------
+// Compaction
+
+Result<void> NodeSystemImpl::Compact() {
+  if (!_nodes || _nodes->GetDepth() < COMPACT_DEPTH) return Ok();
+  // Systems derived from this one point into its records; only a system that
+  // nobody else holds may let its old layers go.
+  if (!HasSingleOwner()) return Ok();
+  try {
+    ORVIX_TRY_ASSIGN(Ref<NodeMap> bottom, NodeMap::Create(nullptr));
+    Result<void> status = Ok();
+    auto copyInto = [&status](NodeMap& target, const NodeMap::Entry& e) {
+      if (!status) return;
+      if (!e.IsPublished()) {
+        Result<NodeMap::Entry*> made = target.AddEntry(e.path, nullptr);
+        if (!made) status = std::move(made).GetError();
+        return;
+      }
+      if (!e.info->IsClean()) {
+        status = Error(ERROR_CLASS::ILLEGAL_STATE, std::string(NOT_VALIDATED_COPY));
+        return;
+      }
+      NodeInfo* copy = NodeInfo::Clone(*e.info);
+      if (!copy) {
+        status = OutOfMemoryError();
+        return;
+      }
+      Result<NodeMap::Entry*> made = target.AddEntry(e.path, copy);
+      if (!made) {
+        NodeInfo::Free(copy);
+        status = std::move(made).GetError();
+        return;
+      }
+      NodeMap::Publish(*made);
+    };
+
+    // Flatten the frozen layers, top down: the first entry of a path decides,
+    // and a tombstone decides by dropping the path.
+    std::unordered_set<NodePath> seen;
+    for (const NodeMap* layer = _nodes->GetParent(); layer; layer = layer->GetParent()) {
+      layer->ForEachEntry([&](const NodeMap::Entry& e) {
+        if (!status || !seen.insert(e.path).second || !e.IsPublished()) return;
+        copyInto(*bottom, e);
+      });
+      ORVIX_TRY(status);
+    }
+    // The top layer keeps its tombstones: they hide what the flattened layer
+    // still holds.
+    ORVIX_TRY_ASSIGN(Ref<NodeMap> top, NodeMap::Create(bottom));
+    _nodes->ForEachEntry([&](const NodeMap::Entry& e) { copyInto(*top, e); });
+    ORVIX_TRY(status);
+    _nodes = std::move(top);
+    ++_movedStamp;
+    return Ok();
+  } catch (const std::bad_alloc&) {
+    return OutOfMemoryError();
+  }
+}
+
+// ---------------------------------------------------------------------------
+// Counting
+
+size_t NodeSystemImpl::GetEntryCount() const {
+  size_t count = 0;
+  for (const NodeMap* layer = _nodes.Get(); layer; layer = layer->GetParent()) {
+    count += layer->GetCount();
+  }
+  return count;
+}
+
+size_t NodeSystemImpl::GetVisibleRecordCount() const {
+  size_t count = 0;
+  for (const NodeMap* layer = _nodes.Get(); layer; layer = layer->GetParent()) {
+    layer->ForEachEntry([&](const NodeMap::Entry& e) {
+      if (!e.IsPublished()) return;
+      for (const NodeMap* above = _nodes.Get(); above != layer; above = above->GetParent()) {
+        if (above->FindInLayer(e.hash, e.path.ToBlock())) return;
+      }
+      ++count;
+    });
+  }
+  return count;
+}
+
+Ref<NodeSystem> NodeSystemImpl::GetBase() const {
+  return _bases.empty() ? Ref<NodeSystem>() : _bases[0];
+}
+
+}  // namespace orvix::nodes

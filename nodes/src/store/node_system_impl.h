@@ -1,0 +1,234 @@
+#pragma once
+// NodeSystemImpl: the implementation of NodeSystem. This header holds the
+// store's part: the members, the lookup of records through layers, nested
+// systems and bases, handle revalidation, fetching records for writing, the
+// child walk, the modified-list storage and the stamps.
+//
+// The state is open to the model's own code (validation, edits, transfer),
+// which works on it directly; clients see only NodeSystem.
+//
+// A system that is not being modified is immutable and may be read from many
+// threads. The writers below assume the caller is the single owner of the
+// modification; the modification bracket guards that.
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "orvix/graph/node_kind.h"
+#include "orvix/graph/node_path.h"
+#include "orvix/host/interned_id.h"
+#include "orvix/host/ref.h"
+#include "orvix/host/result.h"
+#include "orvix/nodes/gnode.h"
+#include "orvix/nodes/node_system.h"
+#include "store/node_info.h"
+#include "store/node_map.h"
+
+namespace orvix::nodes {
+
+// The answer of FindNode: the record and the system that holds it.
+struct FoundNode {
+  NodeInfo* info = nullptr;
+  NodeSystemImpl* system = nullptr;
+  explicit operator bool() const noexcept { return info != nullptr; }
+};
+
+class NodeSystemImpl final : public NodeSystem {
+ public:
+  // Depth at which Compact rebuilds the map.
+  static constexpr uint32_t COMPACT_DEPTH = 6;
+  // The modified bits that IsValidated looks at: all but the garbage bits.
+  static constexpr uint64_t VALIDATION_MASK = 0xffff1fffff000000ULL;
+
+  // An uninitialized system: no map yet.
+  NodeSystemImpl();
+  ~NodeSystemImpl() override;
+  NodeSystemImpl(const NodeSystemImpl&) = delete;
+  NodeSystemImpl& operator=(const NodeSystemImpl&) = delete;
+
+  // --- The store's part of initialisation. Full initialisation (class,
+  // derivation handler, topology, attribute setup, the modification bracket)
+  // builds on these.
+
+  // A system with no base: an empty map with the root record (NODE) and the
+  // root's two port lists "<" and ">" (INPUTS, OUTPUTS), listed in the root's
+  // child table as ADDED | SYNTHETIC. Not mutable, nothing modified.
+  static Result<Ref<NodeSystemImpl>> CreateEmpty();
+  // A system derived from `base`: its one record is the root, a
+  // DIRECT_INSTANCE node whose nested system is `base`; `_bases[0]` is `base`
+  // and the level is one above the base's. The base must be initialized and
+  // validated.
+  static Result<Ref<NodeSystemImpl>> CreateDerived(Ref<NodeSystemImpl> base);
+
+  // Makes this uninitialized system a copy of `source`, which must be
+  // initialized, validated and idle. The map is shared, not copied: no record
+  // is touched.
+  //   "Base nodesystem hasn't been initialized."
+  //   "Base nodesystem hasn't been validated."
+  Result<void> CopyFrom(const NodeSystemImpl& source);
+
+  bool IsInitialized() const noexcept { return bool(_nodes); }
+  bool IsValidated() const noexcept { return (ToBits(_systemFlags) & VALIDATION_MASK) == 0; }
+  bool IsFinalized() const noexcept { return _systemFlags == GNODE_FLAGS_IMPL::NONE; }
+
+  // --- Lookup.
+
+  // The record of `path` and the system that holds it, falling through into
+  // nested systems and bases; a hit in another system is checked against the
+  // removals of the levels in between. Nothing if the path doesn't exist or
+  // its kind isn't in `kinds`; then, unless `mayBeAbsent`, the diagnostic
+  // "Stop: Internal error." is written as well. With `skipOwn` this system's
+  // own map is passed over at the first step (a lookup in the bases only).
+  FoundNode FindNode(const NodePath& path, NODE_KIND kinds = NODE_KIND::ALL_MASK,
+                     bool mayBeAbsent = true, bool skipOwn = false) const;
+  // The same for a bare block of parts, without making a path.
+  FoundNode FindNode(NodePath::Block parts, NODE_KIND kinds = NODE_KIND::ALL_MASK,
+                     bool mayBeAbsent = true, bool skipOwn = false) const;
+
+  // Brings `handle` up to date: a handle whose stamp is current is left as it
+  // is, without hashing; otherwise its path is looked up again. A handle whose
+  // element is gone gets a null record. A handle with a null record stays so.
+  void Refresh(GNode& handle) const;
+  // Refreshes `handle` and yields its record:
+  //   "Nullptr node" for a handle without a record,
+  //   "Node with path @ doesn't exist any longer." for one whose element is gone.
+  Result<NodeInfo*> Resolve(GNode& handle) const;
+
+  // The handle of `path` as FindNode resolves it; an empty handle if none.
+  GNode MakeResolvedHandle(const NodePath& path) const;
+
+  // --- Writing. The caller holds the modification.
+
+  // The map, with a new empty layer on top if it is shared.
+  Result<NodeMap*> GetWritableMap();
+
+  // A record of `handle`'s path that may be written, held in the top layer of
+  // this system's map: the existing one, a copy of one from a lower layer, or
+  // a new one whose base is the handle's record when that lies in another
+  // system. Fills the handle's cached fields. `kind` is the kind asked for;
+  // NONE accepts the stored one.
+  //   "Can't make a copy when the base node system hasn't been validated."
+  //   "Mismatch of node kind: Expected @, found @."
+  Result<NodeInfo*> GetMutable(GNode& handle, NODE_KIND kind);
+
+  // Sets the child record of `id` in `parent`'s child table (inserted if
+  // missing). `parent` must be a record of this system's top layer, as
+  // GetMutable yields it. `inserted` tells whether the record is new.
+  Result<void> SetChildRecord(NodeInfo* parent, InternedId id, CHILD_FLAGS flags,
+                              bool* inserted = nullptr);
+  // Takes the child record of `id` away; false if there was none.
+  bool EraseChildRecord(NodeInfo* parent, InternedId id);
+
+  // Removes the entry of `path` from this system's map. With no layer below,
+  // the entry goes; otherwise, if a layer below holds the path, a tombstone
+  // stays to hide it. A record on a modified list gets MODIFIED_G_GARBAGE and
+  // is handed over to the list, whose garbage pass frees it. Records are
+  // counted as moved and created, so that every handle looks again. The result
+  // is true if a visible entry was removed.
+  Result<bool> RemoveEntry(const NodePath& path);
+  // Makes every handle look its path up again after an element has gone,
+  // whether or not this system held a record of it (a removal of a base's
+  // element is a child record only). RemoveEntry does it when it changes the
+  // map.
+  void NoteRemoval() noexcept;
+
+  // The connection table of a port record held by this system; null for any
+  // other kind.
+  static ConnectionTable* GetConnections(NodeInfo* info) noexcept {
+    PortRecord* port = info ? info->AsPort() : nullptr;
+    return port ? &port->connections : nullptr;
+  }
+
+  // --- The child walk over the base chain.
+
+  // The id of the next present child after the iterator's position, or a null
+  // id at the end; advances the iterator.
+  InternedId NextChildId(ChildIterator& iterator) const;
+  // Starts a walk over the children of a resolved record.
+  static void StartChildren(ChildIterator& iterator, const GNode& parent);
+
+  // --- Entries: the number of entries of all layers (tombstones included)
+  // and the number of records visible through the map.
+  size_t GetEntryCount() const;
+  size_t GetVisibleRecordCount() const;
+  uint32_t GetDepth() const noexcept { return _nodes ? _nodes->GetDepth() : 0; }
+
+  // --- NodeSystem.
+  Ref<NodeSystem> GetBase() const override;
+  const std::vector<Ref<NodeSystem>>& GetBases() const override { return _bases; }
+  uint64_t GetModificationStamp() const override { return _modificationStamp; }
+  Result<bool> EnumerateChanges(uint64_t stamp, const ChangeCallback& callback) const override;
+  MODIFIED GetModifications(uint64_t stamp) const override;
+  Result<size_t> GetChildRecordCount(const GNode& node) const override;
+  GNode GetRoot() const override;
+  Result<bool> VisitNodes(const GNode& start, const NodeVisitor& visitor) const override;
+  Result<GNode> GetParent(const GNode& node) const override;
+  Result<GNode> GetAncestor(const GNode& node, NODE_KIND kinds) const override;
+  Result<GNode> GetPortList(const GNode& node, PORT_DIR direction) const override;
+  Result<GNode> GetChild(const GNode& node, InternedId id, NODE_KIND kinds) const override;
+  Result<GNode> FindDescendant(const GNode& node, NodePath::Block parts) const override;
+  Result<Ref<NodeSystem>> GetNestedSystem(const GNode& node) const override;
+  GNode FindByPath(const NodePath& path) const override;
+  GNode MakeHandle(const NodePath& path) const override;
+  bool IsValid(const GNode& node) const override;
+  Result<GNODE_FLAGS> GetFlags(const GNode& node) const override;
+  Result<GNode> GetFirstChild(const GNode& node, ChildIterator& iterator) const override;
+  Result<GNode> GetNextChild(ChildIterator& iterator) const override;
+  Result<void> Compact() override;
+
+  // --- Members. Further members arrive with their subsystems: the class, the
+  // derivation handler and the template with its arguments and owner with
+  // templates and classes; _topology with topology validation;
+  // _loopDependencies with loop dependencies; the two derivation tables,
+  // _derivedAttributes and _attribSetup with attribute derivation;
+  // _instantiation with instantiation contexts; _portValidation with port
+  // validation; _loadContext with the stored form; _retiredTables with
+  // attribute values.
+
+  std::vector<Ref<NodeSystem>> _bases;
+  Ref<NodeMap> _nodes;
+  uint64_t _createdStamp = 0;
+  uint64_t _removedStamp = 0;
+  uint64_t _movedStamp = 0;
+  uint64_t _modificationStamp = 1;
+  uint64_t _beginStamp = 0;
+  uint64_t _attributeStamp = 0;
+  uint64_t _metaAttributeStamp = 0;
+  uint64_t _special0Stamp = 0;
+  uint64_t _special1Stamp = 0;
+  uint64_t _structureStamp = 0;
+  uint64_t _connectionStamp = 0;
+  uint64_t _completeStamp = 0;
+  uint64_t _level = 1;
+  // Head of the modified list of nodes, port lists and top-level ports.
+  NodeInfo* _firstModified = g_modifiedListEnd;
+  uint64_t _attribValidationCount = 0;
+  GNODE_FLAGS_IMPL _systemFlags = GNODE_FLAGS_IMPL::NONE;
+  bool _mutable = false;
+  uint64_t _validationMask = 0;
+
+ private:
+  // The plain lookup: own map (unless skipped), then the nested system of the
+  // first part, then the base behind the root.
+  FoundNode _FindPlain(NodePath::Block parts, uint64_t hash, bool skipOwn) const;
+  // True if no level between this system and the one that gave `hit` removed
+  // an element on the way to `parts`. Writes the internal-error diagnostic
+  // and answers false if a prefix can't be resolved.
+  bool _CheckBaseHit(NodePath::Block parts, const FoundNode& hit) const;
+  FoundNode _FindChecked(NodePath::Block parts, uint64_t hash, NODE_KIND kinds, bool mayBeAbsent,
+                         bool skipOwn) const;
+  // The stamp that a handle of a record of `holder` gets.
+  uint64_t _StampFor(const NodeSystemImpl* holder) const noexcept {
+    return holder == this ? _movedStamp : _createdStamp;
+  }
+  // Frees the records that removal handed over to the modified lists.
+  void _FreeGarbage() noexcept;
+};
+
+// Kind of the child `id` of an element of kind `parentKind`.
+inline NODE_KIND ChildKind(NODE_KIND parentKind, InternedId id) {
+  return NodePath::KindStep(parentKind, id);
+}
+
+}  // namespace orvix::nodes
