@@ -21,6 +21,7 @@ MODIFIED NodeSystemImpl::GetModifications(uint64_t stamp) const {
 
 Result<bool> NodeSystemImpl::EnumerateChanges(uint64_t stamp,
                                               const ChangeCallback& callback) const {
+  ORVIX_CHECK_ARGUMENT(callback);
   if (_completeStamp > stamp) return callback(GetRoot(), MODIFIED::COMPLETE);
   // A plain flag and an optional error rather than a Result<bool>: the walk
   // tests them once per entry.

@@ -107,6 +107,7 @@ Result<size_t> NodeSystemImpl::GetChildRecordCount(const GNode& node) const {
 }
 
 Result<bool> NodeSystemImpl::VisitNodes(const GNode& start, const NodeVisitor& visitor) const {
+  ORVIX_CHECK_ARGUMENT(visitor);
   GNode node = start;
   ORVIX_TRY(Resolve(node));
   if (node.path.GetKindRaw() != NODE_KIND::NODE) return true;

@@ -46,14 +46,14 @@ NodeInfo* NodeInfo::Clone(const NodeInfo& source) noexcept {
       copy = new PlainRecord(static_cast<const PlainRecord&>(source));
     }
     if (source.attributes) {
-      Ref<AttributeTable> table = MakeRef<AttributeTable>();
       try {
+        Ref<AttributeTable> table = MakeRef<AttributeTable>();
         table->records = source.attributes->records;
+        copy->attributes = std::move(table);
       } catch (...) {
         Free(copy);
         throw;
       }
-      copy->attributes = std::move(table);
     }
     return copy;
   } catch (const std::bad_alloc&) {

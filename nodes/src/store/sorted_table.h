@@ -3,7 +3,9 @@
 // order of the ids' strings (a null id first).
 //
 // Bulk code may append without keeping the order; the table then remembers
-// that it isn't sorted, and the next write through the table sorts it. A const
+// that it isn't sorted, and the next write through the table sorts it. Bulk
+// code must call Sort() before its modification ends: the child walk reports
+// children in storage order, which is id order only for a sorted table. A const
 // search never sorts: a frozen record is read by many threads, so an unsorted
 // table is searched linearly instead. A search of a sorted table is a binary
 // search that takes a pointer-equal id as a hit before it reads any string.
