@@ -63,35 +63,6 @@ void NodeSystemImpl::_FreeGarbage() noexcept {
 // ---------------------------------------------------------------------------
 // Creation and copies
 
-Result<Ref<NodeSystemImpl>> NodeSystemImpl::CreateEmpty() {
-  ORVIX_TRY_ASSIGN(Ref<NodeSystemImpl> system, NewRef<NodeSystemImpl>());
-  try {
-    system->_bases.push_back(nullptr);
-  } catch (const std::bad_alloc&) {
-    return OutOfMemoryError();
-  }
-  ORVIX_TRY_ASSIGN(system->_nodes, NodeMap::Create(nullptr));
-  GNode root;
-  ORVIX_TRY_ASSIGN(NodeInfo * rootInfo, system->GetMutable(root, NODE_KIND::NODE));
-  rootInfo->_addedStamp = system->_modificationStamp;
-  const struct {
-    InternedId id;
-    NODE_KIND kind;
-  } lists[] = {{NodePath::GetInputsId(), NODE_KIND::INPUTS},
-               {NodePath::GetOutputsId(), NODE_KIND::OUTPUTS}};
-  for (const auto& list : lists) {
-    ORVIX_TRY(
-        system->SetChildRecord(rootInfo, list.id, CHILD_FLAGS::ADDED | CHILD_FLAGS::SYNTHETIC));
-    ORVIX_TRY_ASSIGN(NodePath path, NodePath().Append(list.id));
-    GNode handle(std::move(path));
-    ORVIX_TRY_ASSIGN(NodeInfo * info, system->GetMutable(handle, list.kind));
-    info->_addedStamp = system->_modificationStamp;
-  }
-  system->_structureStamp = system->_modificationStamp;
-  system->_completeStamp = system->_modificationStamp;
-  return system;
-}
-
 Result<Ref<NodeSystemImpl>> NodeSystemImpl::CreateDerived(Ref<NodeSystemImpl> base) {
   ORVIX_CHECK_ARGUMENT(base);
   ORVIX_TRY(CheckUsableSource(*base));
@@ -102,6 +73,9 @@ Result<Ref<NodeSystemImpl>> NodeSystemImpl::CreateDerived(Ref<NodeSystemImpl> ba
     return OutOfMemoryError();
   }
   system->_level = base->_level + 1;
+  system->_class = base->_class;
+  system->_stages = base->_stages;
+  system->_topology = base->_topology;
   ORVIX_TRY_ASSIGN(system->_nodes, NodeMap::Create(nullptr));
   const FoundNode baseRoot = base->FindNode(NodePath(), NODE_KIND::NODE, false);
   if (!baseRoot) return Error(ERROR_CLASS::ILLEGAL_STATE, std::string(BASE_NOT_INITIALIZED));
@@ -118,7 +92,7 @@ Result<Ref<NodeSystemImpl>> NodeSystemImpl::CreateDerived(Ref<NodeSystemImpl> ba
 Result<void> NodeSystemImpl::CopyFrom(const NodeSystemImpl& source) {
   ORVIX_CHECK_STATE(!IsInitialized());
   ORVIX_TRY(CheckUsableSource(source));
-  if (source._firstModified != g_modifiedListEnd) {
+  if (source._firstModified != g_modifiedListEnd || source._attribSetup || source._portValidation) {
     return ConditionError(CONDITION_KIND::ASSERTION,
                           "src._firstModified == g_modifiedListEnd && !src._attribSetup && "
                           "!src._portValidation && !src._instantiation");
@@ -129,6 +103,11 @@ Result<void> NodeSystemImpl::CopyFrom(const NodeSystemImpl& source) {
   } catch (const std::bad_alloc&) {
     return OutOfMemoryError();
   }
+  _class = source._class;
+  _stages = source._stages;
+  // A copy is no longer what the template made.
+  _template.Reset();
+  _templateArguments.Reset();
   // The map is shared: both systems now see it as frozen, and the first
   // write of either puts a layer of its own on top.
   _nodes = source._nodes;
@@ -147,8 +126,12 @@ Result<void> NodeSystemImpl::CopyFrom(const NodeSystemImpl& source) {
   _level = source._level;
   _attribValidationCount = source._attribValidationCount;
   _firstModified = g_modifiedListEnd;
+  _loadContext.Reset();
   _mutable = source._mutable;
+  _topology = source._topology;
   _systemFlags = GNODE_FLAGS_IMPL::NONE;
+  _attribSetup = nullptr;
+  _portValidation = nullptr;
   _bases = std::move(bases);
   return Ok();
 }

@@ -24,6 +24,8 @@
 #include "orvix/nodes/node_system.h"
 #include "store/node_info.h"
 #include "store/node_map.h"
+#include "validation/topology_data.h"
+#include "validation/validation_stages.h"
 
 namespace orvix::nodes {
 
@@ -47,14 +49,77 @@ class NodeSystemImpl final : public NodeSystem {
   NodeSystemImpl(const NodeSystemImpl&) = delete;
   NodeSystemImpl& operator=(const NodeSystemImpl&) = delete;
 
-  // --- The store's part of initialisation. Full initialisation (class,
-  // derivation handler, topology, attribute setup, the modification bracket)
-  // builds on these.
+  // --- Initialisation and the modification bracket (modification.cpp).
 
-  // A system with no base: an empty map with the root record (NODE) and the
-  // root's two port lists "<" and ">" (INPUTS, OUTPUTS), listed in the root's
-  // child table as ADDED | SYNTHETIC. Not mutable, nothing modified.
+  // Makes this uninitialized system an empty system of `cls`: the root record
+  // (NODE), a new topology, the derived attribute list, and the root's two
+  // port lists "<" and ">" (INPUTS, OUTPUTS), listed in the root's child
+  // table as ADDED | SYNTHETIC; then ends the modification with CLEANUP, so
+  // that the system comes out finalized. Yields the root.
+  //   "Illegal argument: Condition !IsInitialized() && !_mutable && cls not fulfilled. "
+  Result<GNode> Init(Ref<NodeSystemClass> cls);
+  // A new finalized empty system of the default class, as Init makes it.
   static Result<Ref<NodeSystemImpl>> CreateEmpty();
+
+  // The test that every editing operation and every stage starts with: a
+  // single reference (unless the loader holds the system), and with
+  // `requireModification` an open bracket.
+  //   "More than one reference to node system @."
+  //   "Node system modification not within BeginModification()/EndModification()."
+  Result<void> CheckModification(bool requireModification) const;
+
+  // Walks the connections that this system stores and checks that each is
+  // held at both of its ends with equal data. It stands for the consistency
+  // test of connection queries, which will compare GetConnections of both
+  // ends once those queries exist; the stored tables are what it checks now.
+  //   "Reverse connection from @ to @ not found."
+  //   "Inconsistent result for wires from @ to @: @ and @"
+  Result<void> CheckConnectionConsistency() const;
+
+  // Adds the child `id` of `kind` below `parent`: the parent's child record
+  // (ADDED, plus SYNTHETIC for port lists, derived ports and the node-system
+  // port), the new record (with `base` as its base when that lies in another
+  // system), the stamps, and the modified bits of an add. Every structural
+  // add ends here; the structural edits build their checks and change
+  // entries on it.
+  //   "There already exists a node with id @ in @."
+  Result<GNode> AddChildRecord(GNode& parent, NODE_KIND kind, InternedId id, const GNode& base,
+                               GNODE_FLAGS_IMPL flags);
+
+  // --- Modified bits and lists (validation/modified_lists.cpp).
+
+  // Marks `node` with `bits`: the record is fetched for writing, the bits go
+  // to it and to `_systemFlags`, and the record joins the modified lists (a
+  // nested port the list of its top-level port, which gets the nested bits).
+  // While a stage runs, new bits of a port schedule its neighbours.
+  //   "The path @ doesn't exist in this node system."
+  Result<void> SetModified(GNode& node, GNODE_FLAGS_IMPL bits);
+  // Clears `bits` on every listed record and in `_systemFlags`; records left
+  // without modified bits leave the lists, garbage records are freed if
+  // `bits` has MODIFIED_G_GARBAGE.
+  void ClearModified(GNODE_FLAGS_IMPL bits) noexcept;
+  // Frees the garbage records and clears the garbage bits. The system must be
+  // validated:
+  //   "Illegal state: Condition IsValidated() not fulfilled. "
+  Result<void> PurgeGarbage();
+
+  // --- The validation driver (validation/validation_driver.cpp).
+
+  // Spreads new work of `port` to its neighbours while a port pass or
+  // attribute validation runs; does nothing otherwise. `oldFlags` are the
+  // port's flags before the change that is being spread.
+  Result<void> ScheduleNeighbours(const GNode& port, GNODE_FLAGS_IMPL oldFlags);
+  // The attribute stage alone (its quick exit, the installed stage, timing).
+  Result<void> ValidateAttributes(ChangeList* changeList);
+
+  // Calls `visit` with the top-level port at the other end of every
+  // connection of `port` and of its nested ports whose wires meet
+  // `wiresMask`: the targets, or with `sources` the sources. Reads the
+  // stored connection tables; the effective-connection walk of connection
+  // queries takes its place when it exists.
+  Result<void> VisitConnectedTopLevelPorts(const GNode& port, bool sources, uint64_t wiresMask,
+                                           NEIGHBOUR_FLAGS flags,
+                                           const std::function<Result<void>(const GNode&)>& visit);
   // A system derived from `base`: its one record is the root, a
   // DIRECT_INSTANCE node whose nested system is `base`; `_bases[0]` is `base`
   // and the level is one above the base's. The base must be initialized and
@@ -69,8 +134,9 @@ class NodeSystemImpl final : public NodeSystem {
   Result<void> CopyFrom(const NodeSystemImpl& source);
 
   bool IsInitialized() const noexcept { return bool(_nodes); }
+  // True if nothing is left to validate; garbage bits may remain.
   bool IsValidated() const noexcept { return (ToBits(_systemFlags) & VALIDATION_MASK) == 0; }
-  bool IsFinalized() const noexcept { return _systemFlags == GNODE_FLAGS_IMPL::NONE; }
+  bool IsFinalized() const noexcept override { return _systemFlags == GNODE_FLAGS_IMPL::NONE; }
 
   // --- Lookup.
 
@@ -155,6 +221,7 @@ class NodeSystemImpl final : public NodeSystem {
   uint32_t GetDepth() const noexcept { return _nodes ? _nodes->GetDepth() : 0; }
 
   // --- NodeSystem.
+  Ref<NodeSystemClass> GetClass() const override { return _class; }
   Ref<NodeSystem> GetBase() const override;
   const std::vector<Ref<NodeSystem>>& GetBases() const override { return _bases; }
   uint64_t GetModificationStamp() const override { return _modificationStamp; }
@@ -176,15 +243,37 @@ class NodeSystemImpl final : public NodeSystem {
   Result<GNode> GetFirstChild(const GNode& node, ChildIterator& iterator) const override;
   Result<GNode> GetNextChild(ChildIterator& iterator) const override;
   Result<void> Compact() override;
+  Result<void> Validate(ChangeList* changeList) override;
+  Result<void> ValidateTopology() override;
+  Result<void> ValidatePorts(ChangeList* changeList) override;
+  Result<void> BeginModification() override;
+  Result<void> EndModification(ChangeList* changeList, FINALIZE_FLAGS flags) override;
 
-  // --- Members. Further members arrive with their subsystems: the class, the
-  // derivation handler and the template with its arguments and owner with
-  // templates and classes; _topology with topology validation;
-  // _loopDependencies with loop dependencies; the two derivation tables,
-  // _derivedAttributes and _attribSetup with attribute derivation;
-  // _instantiation with instantiation contexts; _portValidation with port
-  // validation; _loadContext with the stored form; _retiredTables with
-  // attribute values.
+  // --- Members. Further members arrive with their subsystems: the
+  // derivation handler and the template's owner with templates and classes;
+  // _loopDependencies with loop dependencies; the two derivation tables and
+  // _derivedAttributes with attribute derivation; _instantiation with
+  // instantiation contexts.
+
+  Ref<NodeSystemClass> _class;
+  // The template this system was instantiated from, and its arguments; the
+  // first modification drops both. Typed when templates arrive.
+  Ref<RefCounted> _template;
+  Ref<RefCounted> _templateArguments;
+  // Set while the loader builds the system; the reference test is skipped
+  // then, since the loader's own references reach the system.
+  Ref<RefCounted> _loadContext;
+  // Attribute tables that readers may still reference: replaced during the
+  // modification, freed when it ends.
+  std::vector<Ref<AttributeTable>> _retiredTables;
+  // The result of the last topology validation.
+  Ref<TopologyData> _topology;
+  // The installed stages; null runs none (see ValidationStages).
+  const ValidationStages* _stages = nullptr;
+  // Set while a port pass processes its queue.
+  ValidationQueue* _portValidation = nullptr;
+  // Set while attribute validation runs.
+  AttributeSetup* _attribSetup = nullptr;
 
   std::vector<Ref<NodeSystem>> _bases;
   Ref<NodeMap> _nodes;
@@ -224,6 +313,11 @@ class NodeSystemImpl final : public NodeSystem {
   }
   // Frees the records that removal handed over to the modified lists.
   void _FreeGarbage() noexcept;
+  // The passes of the port stage.
+  Result<void> _RunPortPasses();
+  // Links `info` at the front of the system's modified list unless it is on
+  // a list.
+  void _LinkModified(NodeInfo* info) noexcept;
 };
 
 // Kind of the child `id` of an element of kind `parentKind`.

@@ -16,12 +16,15 @@
 #include "orvix/graph/node_kind.h"
 #include "orvix/graph/node_path.h"
 #include "orvix/host/ref.h"
+#include "orvix/host/result.h"
 
 namespace orvix::nodes {
 
+class ChangeList;
 class NodeSystem;
 class NodeSystemImpl;
 struct NodeInfo;
+enum class FINALIZE_FLAGS : uint32_t;
 
 struct GNode {
   // The element's path in the system that made the handle.
@@ -57,10 +60,17 @@ struct ChildIterator {
 };
 
 // A system under modification, with the handle of its root: what creating a
-// system for editing yields.
+// system for editing, or BeginModification (modification.h), yields. The
+// MutableRoot is the one owner of the system while the modification runs.
 struct MutableRoot {
   Ref<NodeSystem> _system;
   GNode _root;
+
+  // Ends the modification (NodeSystem::EndModification) and yields the
+  // finished system; the root keeps its reference. On failure the system
+  // stays under modification here.
+  //   "Illegal state: Condition _system not fulfilled. " without a system.
+  Result<Ref<NodeSystem>> EndModification(ChangeList* changeList, FINALIZE_FLAGS flags);
 };
 
 }  // namespace orvix::nodes

@@ -25,6 +25,7 @@
 #include "orvix/host/ref.h"
 #include "orvix/host/result.h"
 #include "orvix/nodes/gnode.h"
+#include "orvix/nodes/node_system_class.h"
 
 namespace orvix::nodes {
 
@@ -64,10 +65,16 @@ using NodeVisitor = std::function<Result<bool>(const GNode& node)>;
 
 class NodeSystem : public RefCounted {
  public:
+  // 0: the class the system belongs to; null while uninitialized.
+  virtual Ref<NodeSystemClass> GetClass() const = 0;
   // 2: the direct base, null for a system with no base.
   virtual Ref<NodeSystem> GetBase() const = 0;
   // 3: the bases; element 0 is the direct base (null for none).
   virtual const std::vector<Ref<NodeSystem>>& GetBases() const = 0;
+
+  // 6: true if nothing is pending, garbage included: the state in which a
+  // system is shared, read and used as a base.
+  virtual bool IsFinalized() const = 0;
 
   // 9: the running stamp of changes; it only grows.
   virtual uint64_t GetModificationStamp() const = 0;
@@ -124,6 +131,27 @@ class NodeSystem : public RefCounted {
   virtual Result<GNode> GetFirstChild(const GNode& node, ChildIterator& iterator) const = 0;
   // 37: the next child of the walk, or an empty handle at the end.
   virtual Result<GNode> GetNextChild(ChildIterator& iterator) const = 0;
+
+  // 38: brings the system back to consistency after edits: the topology,
+  // port and attribute stages, each only for what the edits marked. A failed
+  // stage keeps its marks, so that a later call repeats it.
+  virtual Result<void> Validate(ChangeList* changeList) = 0;
+  // 39: the topology stage alone.
+  virtual Result<void> ValidateTopology() = 0;
+  // 40: the topology stage, then the port stage.
+  virtual Result<void> ValidatePorts(ChangeList* changeList) = 0;
+  // 41: opens the modification bracket on this object, which must have a
+  // single reference. Clients use the copy-on-write BeginModification of
+  // modification.h instead.
+  //   "BeginModification() called while there already is an active modification."
+  //   "More than one reference to node system @."
+  virtual Result<void> BeginModification() = 0;
+  // 42: closes the bracket. Unless `flags` is NONE the class finishes the
+  // modification and the system is validated; then garbage is freed and the
+  // system becomes immutable. On failure the system stays mutable.
+  //   "Illegal state: Condition _mutable not fulfilled. "
+  //   "Illegal state: Condition IsValidated() not fulfilled. "
+  virtual Result<void> EndModification(ChangeList* changeList, FINALIZE_FLAGS flags) = 0;
 
   // 43: rebuilds a deep node map as two layers; does nothing while the map is
   // shallow. The system stays as it was if memory runs out.

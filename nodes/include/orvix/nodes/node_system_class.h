@@ -1,0 +1,64 @@
+#pragma once
+// NodeSystemClass: what a node system belongs to. A class makes new systems,
+// makes the copies that copy-on-write needs, and has the last word before a
+// modification ends. Every system holds a reference to its class.
+//
+// Only the operations that the modification bracket calls are declared so
+// far; the class's part in attributes and templates comes with those.
+
+#include <cstdint>
+#include <string_view>
+
+#include "orvix/graph/flags.h"
+#include "orvix/host/ref.h"
+#include "orvix/host/result.h"
+#include "orvix/nodes/gnode.h"
+
+namespace orvix::nodes {
+
+class ChangeList;
+class NodeSystem;
+
+// The id of the default class, NodeSystemClassImpl.
+inline constexpr std::string_view NODE_SYSTEM_CLASS_IMPL_ID = "net.orvix.node.class.nodesystemclass";
+
+// How a modification ends.
+enum class FINALIZE_FLAGS : uint32_t {
+  // The caller has validated the system itself: EndModification neither asks
+  // the class nor validates, and fails if anything is pending.
+  NONE = 0,
+  // The normal end of a modification.
+  CLEANUP = 1,
+  // The system is finished as the content of a group.
+  FOR_GROUP = 2,
+};
+ORVIX_FLAG_SET_OPERATORS(FINALIZE_FLAGS)
+
+class NodeSystemClass : public RefCounted {
+ public:
+  // 0: a new empty system of this class, under modification, with the handle
+  // of its root. Ending that modification with CLEANUP yields an empty,
+  // validated system.
+  virtual Result<MutableRoot> CreateNodeSystem() = 0;
+  // 1: called by EndModification (unless its flags are NONE) before the
+  // system is validated. `root` is the root of the system under modification;
+  // the class may still edit it. `beginStamp` is the modification stamp at
+  // BeginModification, so that the class can ask what changed within the
+  // bracket. A failure ends EndModification and leaves the system mutable.
+  virtual Result<void> FinalizeModification(const GNode& root, uint64_t beginStamp,
+                                            FINALIZE_FLAGS flags, ChangeList* changeList) = 0;
+  // The copy that BeginModification makes of a shared system: a new system of
+  // this class holding the state of `source`, which must be finished. The
+  // copy shares the source's node map and touches no record.
+  virtual Result<Ref<NodeSystem>> CopyNodeSystem(const NodeSystem& source) = 0;
+
+ protected:
+  NodeSystemClass() = default;
+  ~NodeSystemClass() override = default;
+};
+
+// A new object of the default class: it creates plain systems, copies them
+// and finishes a modification without adding anything.
+Result<Ref<NodeSystemClass>> CreateDefaultNodeSystemClass();
+
+}  // namespace orvix::nodes

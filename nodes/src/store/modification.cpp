@@ -1,0 +1,228 @@
+// NodeSystemImpl: initialisation, the modification bracket and its
+// copy-on-write entry, the add of a child record, and the consistency check
+// of stored connections.
+
+#include <new>
+#include <optional>
+#include <utility>
+
+#include "orvix/host/diagnostics.h"
+#include "orvix/host/error.h"
+#include "orvix/host/format.h"
+#include "orvix/nodes/config_variables.h"
+#include "orvix/nodes/modification.h"
+#include "store/node_system_impl.h"
+
+namespace orvix::nodes {
+
+namespace {
+constexpr std::string_view ALREADY_MODIFYING =
+    "BeginModification() called while there already is an active modification.";
+constexpr std::string_view NOT_WITHIN_MODIFICATION =
+    "Node system modification not within BeginModification()/EndModification().";
+constexpr std::string_view NULL_OBJECT_TEXT = "Null object.";
+
+Error NullObjectError(SourceLocation where = SourceLocation::current()) {
+  return Error(ERROR_CLASS::NULL_OBJECT, std::string(NULL_OBJECT_TEXT), where);
+}
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// Initialisation
+
+Result<GNode> NodeSystemImpl::Init(Ref<NodeSystemClass> cls) {
+  if (IsInitialized() || _mutable || !cls) {
+    return ConditionError(CONDITION_KIND::ILLEGAL_ARGUMENT, "!IsInitialized() && !_mutable && cls");
+  }
+  _class = std::move(cls);
+  try {
+    _bases.push_back(nullptr);
+  } catch (const std::bad_alloc&) {
+    return OutOfMemoryError();
+  }
+  _beginStamp = _modificationStamp;
+  _mutable = true;
+  ORVIX_TRY_ASSIGN(_nodes, NodeMap::Create(nullptr));
+  GNode root;
+  ORVIX_TRY_ASSIGN(NodeInfo * rootInfo, GetMutable(root, NODE_KIND::NODE));
+  rootInfo->_addedStamp = _modificationStamp;
+  ORVIX_TRY_ASSIGN(_topology, NewRef<TopologyData>());
+  if (_stages && _stages->initDerivedAttributes) ORVIX_TRY(_stages->initDerivedAttributes(*this));
+  const struct {
+    InternedId id;
+    NODE_KIND kind;
+  } lists[] = {{NodePath::GetInputsId(), NODE_KIND::INPUTS},
+               {NodePath::GetOutputsId(), NODE_KIND::OUTPUTS}};
+  for (const auto& list : lists) {
+    ORVIX_TRY(AddChildRecord(root, list.kind, list.id, GNode(), GNODE_FLAGS_IMPL::NONE));
+  }
+  if (_stages && _stages->initRootAttributes) ORVIX_TRY(_stages->initRootAttributes(*this));
+  _completeStamp = _modificationStamp;
+  ORVIX_TRY(EndModification(nullptr, FINALIZE_FLAGS::CLEANUP));
+  return GetRoot();
+}
+
+Result<Ref<NodeSystemImpl>> NodeSystemImpl::CreateEmpty() {
+  ORVIX_TRY_ASSIGN(Ref<NodeSystemClass> cls, CreateDefaultNodeSystemClass());
+  ORVIX_TRY_ASSIGN(Ref<NodeSystemImpl> system, NewRef<NodeSystemImpl>());
+  ORVIX_TRY(system->Init(std::move(cls)));
+  return system;
+}
+
+// ---------------------------------------------------------------------------
+// The bracket
+
+Result<void> NodeSystemImpl::CheckModification(bool requireModification) const {
+  // A system under edit has exactly one owner; that is what lets the model
+  // run without locks. The loader reaches a system under construction through
+  // references of its own, so the test waits until it is done.
+  if (!_loadContext && GetReferenceCount() > 1) {
+    // The template's id names the system in the message; the typed template
+    // that has one arrives with templates, and until then the id is empty.
+    return Error(ERROR_CLASS::ILLEGAL_STATE,
+                 FormatMessage("More than one reference to node system @.", std::string_view()));
+  }
+  if (requireModification && !_mutable) {
+    return Error(ERROR_CLASS::ILLEGAL_STATE, std::string(NOT_WITHIN_MODIFICATION));
+  }
+  return Ok();
+}
+
+Result<void> NodeSystemImpl::BeginModification() {
+  if (_mutable) return Error(ERROR_CLASS::ILLEGAL_STATE, std::string(ALREADY_MODIFYING));
+  ORVIX_CHECK_STATE(IsInitialized());
+  ORVIX_TRY(CheckModification(false));
+  // Whatever is edited now is no longer what the template made.
+  _template.Reset();
+  _templateArguments.Reset();
+  _beginStamp = _modificationStamp;
+  _mutable = true;
+  return Ok();
+}
+
+Result<void> NodeSystemImpl::EndModification(ChangeList* changeList, FINALIZE_FLAGS flags) {
+  ORVIX_CHECK_STATE(_mutable);
+  if (flags != FINALIZE_FLAGS::NONE) {
+    if (!_class) return NullObjectError();
+    // The class may still edit; a failure here or in validation leaves the
+    // system mutable, so the caller can repair and end again.
+    const GNode root = GetRoot();
+    ORVIX_TRY(_class->FinalizeModification(root, _beginStamp, flags, changeList));
+    ORVIX_TRY(Validate(changeList));
+  }
+  ORVIX_TRY(PurgeGarbage());
+  _mutable = false;
+  _retiredTables.clear();
+  if (g_testGetConnections.Get()) ORVIX_TRY(CheckConnectionConsistency());
+  return Ok();
+}
+
+Result<MutableRoot> BeginModification(Ref<NodeSystem>& system, bool keepOld) {
+  // The old object is held here until the call returns whether or not
+  // `keepOld` asks for it: a failed begin puts it back.
+  static_cast<void>(keepOld);
+  if (!system) return NullObjectError();
+  Ref<NodeSystem> old;
+  if (!system->HasSingleOwner()) {
+    Ref<NodeSystemClass> cls = system->GetClass();
+    if (!cls) return NullObjectError();
+    ORVIX_TRY_ASSIGN(Ref<NodeSystem> copy, cls->CopyNodeSystem(*system));
+    old = std::exchange(system, std::move(copy));
+  }
+  Result<void> begun = system->BeginModification();
+  if (!begun) {
+    if (old) system = std::move(old);
+    return std::move(begun).GetError();
+  }
+  MutableRoot root;
+  root._root = system->GetRoot();
+  root._system = std::move(system);
+  return root;
+}
+
+Result<Ref<NodeSystem>> MutableRoot::EndModification(ChangeList* changeList, FINALIZE_FLAGS flags) {
+  ORVIX_CHECK_STATE(_system);
+  ORVIX_TRY(_system->EndModification(changeList, flags));
+  return _system;
+}
+
+// ---------------------------------------------------------------------------
+// Adding a child record
+
+Result<GNode> NodeSystemImpl::AddChildRecord(GNode& parent, NODE_KIND kind, InternedId id,
+                                             const GNode& base, GNODE_FLAGS_IMPL flags) {
+  ORVIX_TRY_ASSIGN(NodePath path, parent.path.Append(id));
+  auto exists = [&] {
+    return Error(ERROR_CLASS::ILLEGAL_ARGUMENT,
+                 FormatMessage("There already exists a node with id @ in @.", id, parent.path));
+  };
+  if (FindNode(path)) return exists();
+  ORVIX_TRY_ASSIGN(NodeInfo * parentInfo, GetMutable(parent, NODE_KIND::NONE));
+  bool inserted = false;
+  ChildRecord* record = nullptr;
+  try {
+    record = &parentInfo->children.FindOrInsert(id, &inserted);
+  } catch (const std::bad_alloc&) {
+    return OutOfMemoryError();
+  }
+  if (HasAny(record->flags, CHILD_FLAGS::ADDED)) return exists();
+  CHILD_FLAGS childFlags = CHILD_FLAGS::ADDED;
+  if (HasAny(flags, GNODE_FLAGS_IMPL::DERIVED_PORT_MASK) ||
+      HasAny(kind, NODE_KIND::PORTLIST_MASK) || id.GetString() == NODE_SYSTEM_PORT_ID) {
+    childFlags |= CHILD_FLAGS::SYNTHETIC;
+  }
+  record->flags = childFlags;
+  ORVIX_TRY(SetModified(parent, GNODE_FLAGS_IMPL::MODIFIED_PV_CHILDREN));
+
+  GNode child(std::move(path), base.info, base.system, base.stamp);
+  ORVIX_TRY_ASSIGN(NodeInfo * info, GetMutable(child, kind));
+  info->_addedStamp = _modificationStamp;
+  _structureStamp = _modificationStamp;
+  info->flags |= (parent.info->flags & GNODE_FLAGS_IMPL::INHERIT_FROM_PARENT_MASK) | flags;
+  // SAV and AV attributes, both port derivations and the children.
+  ORVIX_TRY(SetModified(child, GNODE_FLAGS_IMPL(0x411c000000)));
+  return child;
+}
+
+// ---------------------------------------------------------------------------
+// Consistency of stored connections
+
+Result<void> NodeSystemImpl::CheckConnectionConsistency() const {
+  std::optional<Error> failure;
+  for (const NodeMap* layer = _nodes.Get(); layer && !failure; layer = layer->GetParent()) {
+    layer->ForEachEntry([&](const NodeMap::Entry& e) {
+      if (failure || !e.IsPublished()) return;
+      const PortRecord* port = e.info->AsPort();
+      if (!port || port->connections.IsEmpty()) return;
+      for (const NodeMap* above = _nodes.Get(); above != layer; above = above->GetParent()) {
+        if (above->FindInLayer(e.hash, e.path.ToBlock())) return;
+      }
+      port->connections.ForEach([&](const ConnectionKey& key, const ConnectionData& data) {
+        const bool otherIsTarget = key.IsOtherTarget();
+        const NodePath& from = otherIsTarget ? e.path : key.other;
+        const NodePath& to = otherIsTarget ? key.other : e.path;
+        const FoundNode other = FindNode(key.other, NODE_KIND::PORT_MASK);
+        const ConnectionTable* table = other ? GetConnections(other.info) : nullptr;
+        const ConnectionData* back = table ? table->Find(key.Reversed(e.path)) : nullptr;
+        if (!back) {
+          failure.emplace(ERROR_CLASS::ILLEGAL_STATE,
+                          FormatMessage("Reverse connection from @ to @ not found.", from, to));
+          return false;
+        }
+        if (!(*back == data)) {
+          const ConnectionData& atSource = otherIsTarget ? data : *back;
+          const ConnectionData& atTarget = otherIsTarget ? *back : data;
+          failure.emplace(ERROR_CLASS::ILLEGAL_STATE,
+                          FormatMessage("Inconsistent result for wires from @ to @: @ and @", from,
+                                        to, atSource, atTarget));
+          return false;
+        }
+        return true;
+      });
+    });
+  }
+  if (failure) return std::move(*failure);
+  return Ok();
+}
+
+}  // namespace orvix::nodes

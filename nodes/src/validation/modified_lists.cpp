@@ -1,0 +1,159 @@
+// The modified bits and the two levels of modified lists: SetModified,
+// ClearModified and PurgeGarbage.
+//
+// Nodes, port lists and top-level ports hang on the system's list; a nested
+// port hangs on the list of its top-level port, which carries the matching
+// nested bits and sits on the system's list. Validation therefore starts from
+// the few records that were touched, and clearing walks only those.
+
+#include "orvix/host/format.h"
+#include "store/node_system_impl.h"
+
+namespace orvix::nodes {
+
+namespace {
+using GFI = GNODE_FLAGS_IMPL;
+
+constexpr GFI G_BITS = GFI::MODIFIED_G_GARBAGE | GFI::MODIFIED_G_VALUES_MIGHT_BE_REFERENCED;
+constexpr GFI AV_BITS =
+    GFI::MODIFIED_AV_ATTRIBUTES | GFI::MODIFIED_AV_SOURCES | GFI::MODIFIED_AV_TARGETS;
+constexpr GFI SAV_BITS =
+    GFI::MODIFIED_SAV_ATTRIBUTES | GFI::MODIFIED_SAV_SOURCES | GFI::MODIFIED_SAV_TARGETS;
+// The nested bit of each of AV_BITS and SAV_BITS lies three bits higher.
+constexpr int NESTED_SHIFT = 3;
+static_assert(GFI(ToBits(AV_BITS) << NESTED_SHIFT) ==
+              (GFI::MODIFIED_AV_NESTED_ATTRIBUTES | GFI::MODIFIED_AV_NESTED_SOURCES |
+               GFI::MODIFIED_AV_NESTED_TARGETS));
+static_assert(GFI(ToBits(SAV_BITS) << NESTED_SHIFT) ==
+              (GFI::MODIFIED_SAV_NESTED_ATTRIBUTES | GFI::MODIFIED_SAV_NESTED_SOURCES |
+               GFI::MODIFIED_SAV_NESTED_TARGETS));
+
+bool IsModified(const NodeInfo* info) noexcept {
+  return HasAny(info->flags, GFI::MODIFIED_MASK);
+}
+bool IsListed(const NodeInfo* info) noexcept {
+  return info && info != g_modifiedListEnd;
+}
+}  // namespace
+
+GNODE_FLAGS_IMPL NestedModifiedBits(GNODE_FLAGS_IMPL bits) noexcept {
+  GFI nested = GFI::NONE;
+  if (HasAny(bits, GFI::MODIFIED_TOPOLOGY)) nested |= GFI::MODIFIED_NESTED_TOPOLOGY;
+  if (HasAny(bits, G_BITS)) nested |= GFI::MODIFIED_G_NESTED_GARBAGE;
+  if (HasAny(bits, GFI::MODIFIED_PV_INHERITED)) nested |= GFI::MODIFIED_PV_NESTED_INHERITED;
+  if (HasAny(bits, GFI::MODIFIED_PV_SYNTHESIZED)) nested |= GFI::MODIFIED_PV_NESTED_SYNTHESIZED;
+  nested |= GFI(ToBits(bits & (AV_BITS | SAV_BITS)) << NESTED_SHIFT);
+  return nested;
+}
+
+void NodeSystemImpl::_LinkModified(NodeInfo* info) noexcept {
+  if (info->_nextModified) return;
+  info->_nextModified = _firstModified;
+  _firstModified = info;
+}
+
+Result<void> NodeSystemImpl::SetModified(GNode& node, GNODE_FLAGS_IMPL bits) {
+  if (bits == GFI::NONE) return Ok();
+  // A record on a list is always one of this system's own.
+  ORVIX_TRY_ASSIGN(NodeInfo * info, GetMutable(node, NODE_KIND::NONE));
+  _systemFlags |= bits;
+  const GFI oldFlags = info->flags;
+  info->flags |= bits;
+  const bool changed = info->flags != oldFlags;
+  const bool everyTouchCounts = (_validationMask & ToBits(GFI::INDUCED_DEPENDENCIES)) != 0;
+  if (!changed && !everyTouchCounts) return Ok();
+
+  if (!info->AsPort()) {
+    _LinkModified(info);
+    return Ok();
+  }
+  if (node.path.IsTopLevelPort()) {
+    if (changed) _LinkModified(info);
+  } else if (changed) {
+    ORVIX_TRY_ASSIGN(NodePath topPath, node.path.GetTopLevelPort());
+    GNode top = MakeResolvedHandle(topPath);
+    if (!top) {
+      return Error(ERROR_CLASS::ILLEGAL_STATE,
+                   FormatMessage("The path @ doesn't exist in this node system.", topPath));
+    }
+    ORVIX_TRY_ASSIGN(NodeInfo * topInfo, GetMutable(top, NODE_KIND::NONE));
+    PortRecord* topPort = topInfo->AsPort();
+    if (!topPort) {
+      return Error(ERROR_CLASS::ILLEGAL_STATE,
+                   FormatMessage("The path @ doesn't exist in this node system.", topPath));
+    }
+    _LinkModified(topInfo);
+    const GFI nested = NestedModifiedBits(bits);
+    topInfo->flags |= nested;
+    _systemFlags |= nested;
+    if (!info->_nextModified) {
+      info->_nextModified = topPort->_firstNestedModified;
+      topPort->_firstNestedModified = info;
+    }
+  }
+  return ScheduleNeighbours(node, everyTouchCounts ? GFI::NONE : oldFlags);
+}
+
+namespace {
+// Clears `bits` on the records of the list that starts at `*head`. Records
+// without modified bits leave the list; garbage goes if `bits` asks for it.
+// `nestedOf` handles the nested list of a top-level port before the port
+// itself is looked at.
+template <typename NestedHandler>
+void ClearList(NodeInfo** head, GFI bits, NestedHandler&& nestedOf) noexcept {
+  const bool freeGarbage = HasAny(bits, GFI::MODIFIED_G_GARBAGE);
+  NodeInfo** link = head;
+  while (IsListed(*link)) {
+    NodeInfo* r = *link;
+    nestedOf(r);
+    const bool garbage = freeGarbage && HasAny(r->flags, GFI::MODIFIED_G_GARBAGE);
+    r->flags &= ~bits;
+    const PortRecord* port = r->AsPort();
+    const bool nestedLeft = port && IsListed(port->_firstNestedModified);
+    if (garbage) {
+      // Removal took the record out of the map; the list was its last owner.
+      r->flags = GFI(ToBits(r->flags) & 0xffffff);
+      *link = r->_nextModified;
+      r->_nextModified = nullptr;
+      if (PortRecord* p = r->AsPort()) {
+        // Whatever nested records are still linked belong to the map; they
+        // only leave the list of the port that goes.
+        for (NodeInfo* n = p->_firstNestedModified; IsListed(n);) {
+          NodeInfo* next = n->_nextModified;
+          n->_nextModified = nullptr;
+          if (HasAny(n->flags, GFI::MODIFIED_G_GARBAGE)) NodeInfo::Free(n);
+          n = next;
+        }
+        p->_firstNestedModified = g_modifiedListEnd;
+      }
+      NodeInfo::Free(r);
+    } else if (!IsModified(r) && !nestedLeft) {
+      *link = r->_nextModified;
+      r->_nextModified = nullptr;
+    } else {
+      link = &r->_nextModified;
+    }
+  }
+}
+}  // namespace
+
+void NodeSystemImpl::ClearModified(GNODE_FLAGS_IMPL bits) noexcept {
+  const GFI nested = NestedModifiedBits(bits);
+  ClearList(&_firstModified, bits, [&](NodeInfo* r) {
+    PortRecord* port = r->AsPort();
+    if (!port || !HasAny(r->flags, nested)) return;
+    ClearList(&port->_firstNestedModified, bits, [](NodeInfo*) {});
+    r->flags &= ~nested;
+  });
+  _systemFlags &= ~bits;
+}
+
+Result<void> NodeSystemImpl::PurgeGarbage() {
+  ORVIX_CHECK_STATE(IsValidated());
+  // The nested bit of garbage is MODIFIED_G_NESTED_GARBAGE, so a nested list
+  // is walked only where that bit asks for it.
+  ClearModified(GFI::MODIFIED_G_ALL);
+  return Ok();
+}
+
+}  // namespace orvix::nodes

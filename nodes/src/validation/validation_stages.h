@@ -1,0 +1,69 @@
+#pragma once
+// The stages that the validation driver runs, and what the driver shares with
+// them while they run.
+//
+// The driver (Validate, ValidateTopology, ValidatePorts, ValidateAttributes)
+// owns the order of the stages, their quick exits, the queues, the masks, the
+// clearing of modified bits and the timing. What a stage does to a port is
+// its own and reaches the driver through ValidationStages. The contract for a
+// stage that isn't installed: it has nothing to do and succeeds, and the
+// driver clears the bits of that stage as it does after a successful stage,
+// so that a system with edits still ends validated.
+
+#include <cstdint>
+#include <functional>
+
+#include "orvix/graph/node_kind.h"
+#include "orvix/host/result.h"
+#include "orvix/nodes/gnode.h"
+
+namespace orvix::nodes {
+
+class ChangeList;
+class ValidationQueue;
+
+struct ValidationStages {
+  // Topology: works out the order of nodes and top-level ports and stores a
+  // new TopologyData in `_topology`. The driver clears the topology bits
+  // after it.
+  std::function<Result<void>(NodeSystemImpl& system)> validateTopology;
+  // One step of a port pass: brings `port` up to date in the direction of
+  // `direction` (DERIVED_PORT_SYNTHESIZED in the first pass,
+  // DERIVED_PORT_INHERITED in the second). The driver runs the passes, queues
+  // and clears the port bits. Without it the passes are skipped.
+  std::function<Result<void>(NodeSystemImpl& system, GNode& port, GNODE_FLAGS_IMPL direction)>
+      validatePort;
+  // Attribute derivation: runs its stages with `_attribSetup` set, and clears
+  // the bits of each of its stages as that stage succeeds.
+  std::function<Result<void>(NodeSystemImpl& system, ChangeList* changeList)> validateAttributes;
+  // Initialisation of a new system: its derived attribute list, and the
+  // attribute setup of its root.
+  std::function<Result<void>(NodeSystemImpl& system)> initDerivedAttributes;
+  std::function<Result<void>(NodeSystemImpl& system)> initRootAttributes;
+};
+
+// The direction of the attribute being derived now, if any.
+enum class DERIVATION_DIRECTION : uint32_t { NONE, INHERITED, SYNTHESIZED };
+
+// What the driver reads of the context of attribute validation while it runs:
+// the two queues that ScheduleNeighbours feeds, and the direction of the
+// attribute being derived. Attribute derivation holds the rest.
+struct AttributeSetup {
+  ValidationQueue* inheritedQueue = nullptr;
+  ValidationQueue* synthesizedQueue = nullptr;
+  DERIVATION_DIRECTION deriving = DERIVATION_DIRECTION::NONE;
+};
+
+// The bits that a top-level port receives when `bits` are set on one of its
+// nested ports.
+GNODE_FLAGS_IMPL NestedModifiedBits(GNODE_FLAGS_IMPL bits) noexcept;
+
+// Flags of a neighbour query beyond the plain connections.
+enum class NEIGHBOUR_FLAGS : uint32_t {
+  NONE = 0,
+  SHORTCUTS = 1,             // shortcut connections count as well
+  INDUCED_DEPENDENCIES = 2,  // induced dependencies count as well
+};
+ORVIX_FLAG_SET_OPERATORS(NEIGHBOUR_FLAGS)
+
+}  // namespace orvix::nodes

@@ -1,0 +1,362 @@
+// The modification bracket: states, the reference test, the copy-on-write
+// entry, the order of the end and its failures.
+
+#include <functional>
+
+#include "orvix/host/diagnostics.h"
+#include "orvix/nodes/config_variables.h"
+#include "orvix/nodes/modification.h"
+#include "validation_test_support.h"
+
+namespace orvix::nodes::test {
+namespace {
+
+struct SystemState {
+  bool initialized;
+  bool isMutable;
+  bool validated;
+  bool finalized;
+  friend bool operator==(const SystemState&, const SystemState&) = default;
+};
+
+SystemState StateOf(const NodeSystemImpl& s) {
+  return {s.IsInitialized(), s._mutable, s.IsValidated(), s.IsFinalized()};
+}
+
+void PrintTo(const SystemState& s, std::ostream* os) {
+  *os << "{init " << s.initialized << ", mutable " << s.isMutable << ", validated " << s.validated
+      << ", finalized " << s.finalized << "}";
+}
+
+// A topology stage that fails while `*failing` is set.
+ValidationStages FailingTopology(const bool* failing) {
+  ValidationStages stages;
+  stages.validateTopology = [failing](NodeSystemImpl&) -> Result<void> {
+    if (*failing) return Error(ERROR_CLASS::ILLEGAL_STATE, "The ports <a form a cycle.");
+    return Ok();
+  };
+  return stages;
+}
+
+TEST(LifeCycle, StateTable) {
+  static const bool failing = true;
+  static const ValidationStages failingStages = FailingTopology(&failing);
+  struct Row {
+    const char* transition;
+    std::function<Ref<NodeSystemImpl>()> make;
+    SystemState expected;
+  };
+  const Row rows[] = {
+      {"allocated: uninitialized",
+       [] { return MakeRef<NodeSystemImpl>(); },
+       {false, false, true, true}},
+      {"Init: finalized", [] { return NewSystem(); }, {true, false, true, true}},
+      {"BeginModification: mutable, still validated",
+       [] {
+         Ref<NodeSystemImpl> s = NewSystem();
+         EXPECT_TRUE(s->BeginModification());
+         return s;
+       },
+       {true, true, true, true}},
+      {"an edit: mutable, not validated",
+       [] {
+         Ref<NodeSystemImpl> s = NewSystem();
+         EXPECT_TRUE(s->BeginModification());
+         Add(*s, "a");
+         return s;
+       },
+       {true, true, false, false}},
+      {"EndModification with CLEANUP: finalized",
+       [] {
+         Ref<NodeSystemImpl> s = NewSystem();
+         EXPECT_TRUE(s->BeginModification());
+         Add(*s, "a");
+         Add(*s, "a<in");
+         EXPECT_TRUE(s->EndModification(nullptr, FINALIZE_FLAGS::CLEANUP));
+         return s;
+       },
+       {true, false, true, true}},
+      {"EndModification with a failing validation: mutable, not validated",
+       [] {
+         Ref<NodeSystemImpl> s = NewSystem(&failingStages);
+         EXPECT_TRUE(s->BeginModification());
+         Add(*s, "<in");
+         EXPECT_FALSE(s->EndModification(nullptr, FINALIZE_FLAGS::CLEANUP));
+         return s;
+       },
+       {true, true, false, false}},
+      {"Validate: mutable, validated, garbage left",
+       [] {
+         Ref<NodeSystemImpl> s = NewSystem();
+         EXPECT_TRUE(s->BeginModification());
+         Add(*s, "a");
+         GNode a = s->MakeHandle(P("a"));
+         EXPECT_TRUE(s->SetModified(a, GFI::MODIFIED_G_VALUES_MIGHT_BE_REFERENCED));
+         EXPECT_TRUE(s->Validate(nullptr));
+         return s;
+       },
+       {true, true, true, false}},
+      {"CopyFrom: as the source, mutable taken over",
+       [] {
+         Ref<NodeSystemImpl> source = NewSystem();
+         EXPECT_TRUE(source->BeginModification());
+         Ref<NodeSystemImpl> copy = MakeRef<NodeSystemImpl>();
+         EXPECT_TRUE(copy->CopyFrom(*source));
+         return copy;
+       },
+       {true, true, true, true}},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.transition);
+    EXPECT_EQ(StateOf(*row.make()), row.expected);
+  }
+}
+
+TEST(LifeCycle, InitRefusesTheWrongStateAndANullClass) {
+  const std::string message =
+      "Illegal argument: Condition !IsInitialized() && !_mutable && cls not fulfilled. ";
+  Ref<NodeSystemImpl> fresh = MakeRef<NodeSystemImpl>();
+  Result<GNode> noClass = fresh->Init(nullptr);
+  ASSERT_FALSE(noClass);
+  EXPECT_EQ(noClass.GetError().GetMessage(), message);
+  EXPECT_FALSE(fresh->IsInitialized());
+
+  Ref<NodeSystemImpl> done = NewSystem();
+  Result<GNode> again = done->Init(CreateDefaultNodeSystemClass().Value());
+  ASSERT_FALSE(again);
+  EXPECT_EQ(again.GetError().GetMessage(), message);
+}
+
+TEST(LifeCycle, InitMakesTheRootAndItsPortListsAsSyntheticAdds) {
+  Ref<NodeSystemImpl> s = NewSystem();
+  EXPECT_TRUE(s->GetClass());
+  EXPECT_TRUE(s->_topology);
+  EXPECT_EQ(s->_firstModified, g_modifiedListEnd);
+  for (const char* list : {"<", ">"}) {
+    const ChildRecord* record = s->GetRoot().info->children.Find(InternedId::Get(list));
+    ASSERT_NE(record, nullptr) << list;
+    EXPECT_EQ(record->flags, CHILD_FLAGS::ADDED | CHILD_FLAGS::SYNTHETIC);
+    EXPECT_FALSE(HasAny(FlagsOf(*s, list), GFI::MODIFIED_MASK)) << list;
+    EXPECT_EQ(FlagsOf(*s, list) & GFI(0xff), GFI(ToBits(P(list).GetKindRaw())));
+  }
+}
+
+TEST(LifeCycle, BracketMessages) {
+  Ref<NodeSystemImpl> s = NewSystem();
+  // An edit outside the bracket.
+  EXPECT_EQ(Message(s->CheckModification(true)),
+            "Node system modification not within BeginModification()/EndModification().");
+  EXPECT_EQ(Message(s->Validate(nullptr)),
+            "Node system modification not within BeginModification()/EndModification().");
+  EXPECT_EQ(Message(s->EndModification(nullptr, FINALIZE_FLAGS::CLEANUP)),
+            "Illegal state: Condition _mutable not fulfilled. ");
+
+  ASSERT_TRUE(s->BeginModification());
+  EXPECT_EQ(Message(s->BeginModification()),
+            "BeginModification() called while there already is an active modification.");
+  EXPECT_TRUE(s->_mutable);  // the first modification runs on
+
+  // NONE requires that nothing is pending, and keeps the bracket open.
+  Add(*s, "a");
+  EXPECT_EQ(Message(s->EndModification(nullptr, FINALIZE_FLAGS::NONE)),
+            "Illegal state: Condition IsValidated() not fulfilled. ");
+  EXPECT_TRUE(s->_mutable);
+  ASSERT_TRUE(s->Validate(nullptr));
+  EXPECT_TRUE(s->EndModification(nullptr, FINALIZE_FLAGS::NONE));
+  EXPECT_EQ(Message(s->EndModification(nullptr, FINALIZE_FLAGS::NONE)),
+            "Illegal state: Condition _mutable not fulfilled. ");
+}
+
+TEST(LifeCycle, BeginDropsTheTemplateAndTakesTheBeginStamp) {
+  Ref<NodeSystemImpl> s = NewSystem();
+  s->_template = MakeRef<RefCounted>();
+  s->_templateArguments = MakeRef<RefCounted>();
+  const uint64_t before = s->GetModificationStamp();
+  ASSERT_TRUE(s->BeginModification());
+  EXPECT_FALSE(s->_template);
+  EXPECT_FALSE(s->_templateArguments);
+  EXPECT_EQ(s->_beginStamp, s->_modificationStamp);
+  ASSERT_TRUE(s->EndModification(nullptr, FINALIZE_FLAGS::CLEANUP));
+  // An empty bracket changes nothing that readers see.
+  EXPECT_EQ(s->GetModifications(before), MODIFIED::NONE);
+}
+
+TEST(LifeCycle, TwoReferencesCopyAtThePublicLevelAndFailAtTheImplementation) {
+  Ref<NodeSystemImpl> impl = NewSystem();
+  Ref<NodeSystem> shared(impl);
+  EXPECT_EQ(Message(impl->BeginModification()), "More than one reference to node system .");
+  EXPECT_FALSE(impl->_mutable);
+
+  Ref<NodeSystem> mine = shared;
+  Result<MutableRoot> root = BeginModification(mine, true);
+  ASSERT_TRUE(root) << root.GetError().GetMessage();
+  EXPECT_FALSE(mine);  // the root is the one owner now
+  NodeSystemImpl* copy = static_cast<NodeSystemImpl*>(root->_system.Get());
+  EXPECT_NE(copy, impl.Get());
+  EXPECT_TRUE(copy->HasSingleOwner());
+  EXPECT_EQ(copy->_nodes->GetParent(), nullptr);  // nothing written yet: the map is shared
+  EXPECT_EQ(copy->_nodes.Get(), impl->_nodes.Get());
+
+  Add(*copy, "a");
+  EXPECT_FALSE(impl->FindByPath(P("a")));  // the old object is untouched
+  EXPECT_FALSE(impl->_mutable);
+  Result<Ref<NodeSystem>> done = root->EndModification(nullptr, FINALIZE_FLAGS::CLEANUP);
+  ASSERT_TRUE(done);
+  EXPECT_TRUE((*done)->IsFinalized());
+  EXPECT_TRUE((*done)->FindByPath(P("a")));
+}
+
+TEST(LifeCycle, PublicBeginOnASingleReferenceWorksInPlace) {
+  Ref<NodeSystemImpl> impl = NewSystem();
+  NodeSystemImpl* raw = impl.Get();
+  Ref<NodeSystem> system(std::move(impl));
+  Result<MutableRoot> root = BeginModification(system);
+  ASSERT_TRUE(root);
+  EXPECT_EQ(root->_system.Get(), raw);
+  EXPECT_TRUE(raw->_mutable);
+  EXPECT_EQ(root->_root.path.GetCount(), 0u);
+}
+
+TEST(LifeCycle, PublicBeginPutsTheOldReferenceBackOnFailure) {
+  Ref<NodeSystemImpl> impl = NewSystem();
+  ASSERT_TRUE(impl->BeginModification());
+  // A copy of a system in modification is in modification too, so beginning
+  // on it fails, and the caller gets its old object back.
+  Ref<NodeSystem> other(impl);
+  Ref<NodeSystem> system(impl);
+  Result<MutableRoot> root = BeginModification(system);
+  ASSERT_FALSE(root);
+  EXPECT_EQ(root.GetError().GetMessage(),
+            "BeginModification() called while there already is an active modification.");
+  EXPECT_EQ(system.Get(), static_cast<NodeSystem*>(impl.Get()));
+
+  Ref<NodeSystem> none;
+  Result<MutableRoot> null = BeginModification(none);
+  ASSERT_FALSE(null);
+  EXPECT_EQ(null.GetError().GetClass(), ERROR_CLASS::NULL_OBJECT);
+}
+
+TEST(LifeCycle, MutableRootWithoutSystem) {
+  MutableRoot root;
+  Result<Ref<NodeSystem>> r = root.EndModification(nullptr, FINALIZE_FLAGS::CLEANUP);
+  ASSERT_FALSE(r);
+  EXPECT_EQ(r.GetError().GetMessage(), "Illegal state: Condition _system not fulfilled. ");
+}
+
+TEST(LifeCycle, CreateNodeSystemYieldsAnOpenEmptySystem) {
+  Ref<NodeSystemClass> cls = CreateDefaultNodeSystemClass().Value();
+  Result<MutableRoot> root = cls->CreateNodeSystem();
+  ASSERT_TRUE(root);
+  auto* s = static_cast<NodeSystemImpl*>(root->_system.Get());
+  EXPECT_TRUE(s->_mutable);
+  EXPECT_EQ(s->GetClass().Get(), cls.Get());
+  Result<Ref<NodeSystem>> done = root->EndModification(nullptr, FINALIZE_FLAGS::CLEANUP);
+  ASSERT_TRUE(done);
+  EXPECT_TRUE((*done)->IsFinalized());
+  // The two port lists, nothing else.
+  EXPECT_EQ(s->GetChildRecordCount(s->GetRoot()).Value(), 2u);
+}
+
+// A class whose finishing step fails while `failing` is set, and counts calls.
+class RefusingClass : public NodeSystemClass {
+ public:
+  bool failing = true;
+  int calls = 0;
+  uint64_t seenBeginStamp = 0;
+  FINALIZE_FLAGS seenFlags = FINALIZE_FLAGS::NONE;
+  Result<MutableRoot> CreateNodeSystem() override {
+    return Error(ERROR_CLASS::FUNCTION_NOT_IMPLEMENTED, "not here");
+  }
+  Result<void> FinalizeModification(const GNode& root, uint64_t beginStamp, FINALIZE_FLAGS flags,
+                                    ChangeList*) override {
+    ++calls;
+    seenBeginStamp = beginStamp;
+    seenFlags = flags;
+    EXPECT_EQ(root.path.GetCount(), 0u);
+    if (failing) return Error(ERROR_CLASS::ILLEGAL_STATE, "refused");
+    return Ok();
+  }
+  Result<Ref<NodeSystem>> CopyNodeSystem(const NodeSystem&) override {
+    return Error(ERROR_CLASS::FUNCTION_NOT_IMPLEMENTED, "not here");
+  }
+};
+
+TEST(LifeCycle, AFailedEndLeavesTheSystemMutableAndALaterOneSucceeds) {
+  Ref<NodeSystemImpl> s = NewSystem();
+  Ref<RefusingClass> cls = MakeRef<RefusingClass>();
+  s->_class = cls;
+  ASSERT_TRUE(s->BeginModification());
+  const uint64_t begin = s->_beginStamp;
+  Add(*s, "a");
+  EXPECT_EQ(Message(s->EndModification(nullptr, FINALIZE_FLAGS::FOR_GROUP)), "refused");
+  EXPECT_TRUE(s->_mutable);
+  EXPECT_FALSE(s->IsValidated());
+  EXPECT_EQ(cls->seenBeginStamp, begin);
+  EXPECT_EQ(cls->seenFlags, FINALIZE_FLAGS::FOR_GROUP);
+
+  cls->failing = false;
+  EXPECT_TRUE(s->EndModification(nullptr, FINALIZE_FLAGS::CLEANUP));
+  EXPECT_TRUE(s->IsFinalized());
+  EXPECT_FALSE(s->_mutable);
+  // NONE neither asks the class nor validates.
+  ASSERT_TRUE(s->BeginModification());
+  EXPECT_TRUE(s->EndModification(nullptr, FINALIZE_FLAGS::NONE));
+  EXPECT_EQ(cls->calls, 2);
+}
+
+TEST(LifeCycle, AFailedValidationKeepsItsBitsAndTheNextEndRepeatsIt) {
+  bool failing = true;
+  const ValidationStages stages = FailingTopology(&failing);
+  Ref<NodeSystemImpl> s = NewSystem(&stages);
+  ASSERT_TRUE(s->BeginModification());
+  Add(*s, "<in");
+  EXPECT_EQ(Message(s->EndModification(nullptr, FINALIZE_FLAGS::CLEANUP)),
+            "The ports <a form a cycle.");
+  EXPECT_TRUE(s->_mutable);
+  EXPECT_TRUE(HasAny(s->_systemFlags, GFI::MODIFIED_TOPOLOGY));
+  EXPECT_TRUE(HasAny(FlagsOf(*s, "<in"), GFI::MODIFIED_TOPOLOGY));
+  failing = false;
+  EXPECT_TRUE(s->EndModification(nullptr, FINALIZE_FLAGS::CLEANUP));
+  EXPECT_TRUE(s->IsFinalized());
+  EXPECT_EQ(s->_firstModified, g_modifiedListEnd);
+}
+
+TEST(LifeCycle, TheConnectionTestRunsAtTheEndWhenSwitchedOn) {
+  struct Switch {
+    Switch() { g_testGetConnections.Set(true); }
+    ~Switch() { g_testGetConnections.Reset(); }
+  } on;
+  Ref<NodeSystemImpl> s = NewSystem();
+  ASSERT_TRUE(s->BeginModification());
+  Add(*s, "a");
+  Add(*s, "a>out");
+  Add(*s, "b");
+  Add(*s, "b<in");
+  Connect(*s, "a>out", "b<in", 0x3f);
+  ASSERT_TRUE(s->EndModification(nullptr, FINALIZE_FLAGS::CLEANUP));
+
+  // One end loses its record: the reverse is missing.
+  ASSERT_TRUE(s->BeginModification());
+  GNode in = s->MakeHandle(P("b<in"));
+  NodeInfo* inInfo = s->GetMutable(in, NODE_KIND::INPORT).Value();
+  ConnectionTable* table = NodeSystemImpl::GetConnections(inInfo);
+  const ConnectionKey back =
+      ConnectionKey::Make(P("a>out"), CONNECTION_TYPE::NORMAL, CONNECTION_DIRECTION::SOURCE);
+  ASSERT_TRUE(table->Set(back, ConnectionData{Wires(0x3), nullptr}));
+  const ConnectionData atSource{Wires(0x3f), nullptr};
+  const ConnectionData atTarget{Wires(0x3), nullptr};
+  EXPECT_EQ(Message(s->EndModification(nullptr, FINALIZE_FLAGS::CLEANUP)),
+            "Inconsistent result for wires from a>out to b<in: " + atSource.ToString() + " and " +
+                atTarget.ToString());
+  // The bracket is closed: the test runs after it, on a finished system.
+  EXPECT_FALSE(s->_mutable);
+
+  ASSERT_TRUE(s->BeginModification());
+  inInfo = s->GetMutable(in, NODE_KIND::INPORT).Value();
+  ASSERT_TRUE(NodeSystemImpl::GetConnections(inInfo)->Erase(back));
+  EXPECT_EQ(Message(s->EndModification(nullptr, FINALIZE_FLAGS::CLEANUP)),
+            "Reverse connection from a>out to b<in not found.");
+}
+
+}  // namespace
+}  // namespace orvix::nodes::test
