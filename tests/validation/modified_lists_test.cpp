@@ -127,6 +127,15 @@ TEST_F(ModifiedLists, ClearModifiedKeepsWhatIsLeftAndUnlinksTheRest) {
   EXPECT_EQ(FlagsOf(*s, "a<in/x") & GFI::MODIFIED_MASK, GFI::NONE);
 }
 
+TEST_F(ModifiedLists, ClearingABitClearsItsNestedBitInTheSystemWord) {
+  s->ClearModified(GFI::MODIFIED_MASK);
+  Mark("a<in/x", GFI::MODIFIED_AV_ATTRIBUTES);
+  EXPECT_TRUE(HasAny(s->_systemFlags, GFI::MODIFIED_AV_NESTED_ATTRIBUTES));
+  s->ClearModified(GFI::MODIFIED_AV_ATTRIBUTES);
+  EXPECT_EQ(s->_firstModified, g_modifiedListEnd);
+  EXPECT_TRUE(s->IsValidated());
+}
+
 TEST_F(ModifiedLists, GarbageWaitsOnTheListAndPurgeFreesIt) {
   Mark("a<in/x/y", GFI::MODIFIED_AV_ATTRIBUTES);
   Mark("a>out", GFI::MODIFIED_AV_ATTRIBUTES);
@@ -137,8 +146,11 @@ TEST_F(ModifiedLists, GarbageWaitsOnTheListAndPurgeFreesIt) {
   EXPECT_FALSE(s->IsValid(y));
   EXPECT_EQ(ListedNested(*s, "a<in"), std::vector<std::string>{"a<in/x/y"});
   EXPECT_EQ(Message(s->PurgeGarbage()), "Illegal state: Condition IsValidated() not fulfilled. ");
-  // The removal's own marks: the nested garbage bit on the top-level port.
-  Mark("a<in", GFI::MODIFIED_G_NESTED_GARBAGE);
+  // The removal marks the top-level port and the system word itself, so the
+  // garbage pass walks the nested list and the system isn't finalized early.
+  EXPECT_TRUE(HasAny(s->FindByPath(P("a<in")).info->flags, GFI::MODIFIED_G_NESTED_GARBAGE));
+  EXPECT_TRUE(HasAll(s->_systemFlags,
+                     GFI::MODIFIED_G_GARBAGE | GFI::MODIFIED_G_NESTED_GARBAGE));
   ASSERT_TRUE(s->Validate(nullptr));
   EXPECT_TRUE(s->IsValidated());
   EXPECT_FALSE(s->IsFinalized());

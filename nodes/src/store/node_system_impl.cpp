@@ -248,6 +248,18 @@ Result<bool> NodeSystemImpl::RemoveEntry(const NodePath& path) {
       // Validation may still walk the list through this record; the garbage
       // pass frees it.
       entry->info->flags |= GNODE_FLAGS_IMPL::MODIFIED_G_GARBAGE;
+      _systemFlags |= GNODE_FLAGS_IMPL::MODIFIED_G_GARBAGE;
+      // A nested port hangs on its top-level port's list, which the garbage
+      // pass walks only where the top-level port says so.
+      if (HasAny(path.GetKindRaw(), NODE_KIND::PORT_MASK) && !path.IsTopLevelPort()) {
+        Result<NodePath> top = path.GetTopLevelPort();
+        NodeMap::Entry* topEntry =
+            top ? map->FindInLayer(top->GetHashCode(), top->ToBlock()) : nullptr;
+        if (topEntry && topEntry->info) {
+          topEntry->info->flags |= GNODE_FLAGS_IMPL::MODIFIED_G_NESTED_GARBAGE;
+          _systemFlags |= GNODE_FLAGS_IMPL::MODIFIED_G_NESTED_GARBAGE;
+        }
+      }
       entry->info = nullptr;
     }
     if (hiddenBelow) {

@@ -145,7 +145,9 @@ void NodeSystemImpl::ClearModified(GNODE_FLAGS_IMPL bits) noexcept {
     ClearList(&port->_firstNestedModified, bits, [](NodeInfo*) {});
     r->flags &= ~nested;
   });
-  _systemFlags &= ~bits;
+  // SetModified puts the nested bits into the system word too; they go with
+  // the bits that stand for them.
+  _systemFlags &= ~(bits | nested);
 }
 
 Result<void> NodeSystemImpl::PurgeGarbage() {
