@@ -229,3 +229,21 @@ RC_GTEST_PROP(ModifiedListsProperty, RandomTouchesAndClearsKeepTheListsExact, ()
 
 }  // namespace
 }  // namespace orvix::nodes::test
+
+namespace orvix::nodes {
+namespace {
+
+TEST(AddChildRecord, ANullIdWithoutBaseDataIsRefused) {
+  Result<Ref<NodeSystemImpl>> s = NodeSystemImpl::CreateEmpty();
+  ASSERT_TRUE(s);
+  ASSERT_TRUE((*s)->BeginModification());
+  GNode root = (*s)->GetRoot();
+  Result<GNode> child =
+      (*s)->AddChildRecord(root, NODE_KIND::NODE, InternedId(), GNode(), GNODE_FLAGS_IMPL::NONE);
+  ASSERT_FALSE(child);
+  EXPECT_EQ(child.GetError().GetMessage(),
+            "You have to provide a valid id for the node if no base data is given.");
+}
+
+}  // namespace
+}  // namespace orvix::nodes

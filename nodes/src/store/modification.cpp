@@ -151,6 +151,12 @@ Result<Ref<NodeSystem>> MutableRoot::EndModification(ChangeList* changeList, FIN
 
 Result<GNode> NodeSystemImpl::AddChildRecord(GNode& parent, NODE_KIND kind, InternedId id,
                                              const GNode& base, GNODE_FLAGS_IMPL flags) {
+  // A null id may later be taken from the template of the base's system;
+  // until templates exist there is nothing to take it from.
+  if (id.IsNull()) {
+    return Error(ERROR_CLASS::ILLEGAL_ARGUMENT,
+                 "You have to provide a valid id for the node if no base data is given.");
+  }
   ORVIX_TRY_ASSIGN(NodePath path, parent.path.Append(id));
   auto exists = [&] {
     return Error(ERROR_CLASS::ILLEGAL_ARGUMENT,
