@@ -79,11 +79,11 @@ Ref<NodeSystemImpl> MakeChain(int64_t count) {
       GNode source = system->MakeHandle(Path(Name(i - 1, ">out")));
       GNode target = system->MakeHandle(Path(Name(i, "<in")));
       const ConnectionData data{Wires(0x3f), nullptr};
-      (void)NodeSystemImpl::GetConnections(source.info)
+      (void)NodeSystemImpl::ConnectionTableOf(source.info)
           ->Set(ConnectionKey::Make(target.path, CONNECTION_TYPE::NORMAL,
                                     CONNECTION_DIRECTION::TARGET),
                 data);
-      (void)NodeSystemImpl::GetConnections(target.info)
+      (void)NodeSystemImpl::ConnectionTableOf(target.info)
           ->Set(ConnectionKey::Make(source.path, CONNECTION_TYPE::NORMAL,
                                     CONNECTION_DIRECTION::SOURCE),
                 data);

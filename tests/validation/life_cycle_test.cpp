@@ -264,6 +264,7 @@ class RefusingClass : public NodeSystemClass {
   int calls = 0;
   uint64_t seenBeginStamp = 0;
   FINALIZE_FLAGS seenFlags = FINALIZE_FLAGS::NONE;
+  std::string_view GetClassId() const override { return "net.orvix.test.refusingclass"; }
   Result<MutableRoot> CreateNodeSystem() override {
     return Error(ERROR_CLASS::FUNCTION_NOT_IMPLEMENTED, "not here");
   }
@@ -339,7 +340,7 @@ TEST(LifeCycle, TheConnectionTestRunsAtTheEndWhenSwitchedOn) {
   ASSERT_TRUE(s->BeginModification());
   GNode in = s->MakeHandle(P("b<in"));
   NodeInfo* inInfo = s->GetMutable(in, NODE_KIND::INPORT).Value();
-  ConnectionTable* table = NodeSystemImpl::GetConnections(inInfo);
+  ConnectionTable* table = NodeSystemImpl::ConnectionTableOf(inInfo);
   const ConnectionKey back =
       ConnectionKey::Make(P("a>out"), CONNECTION_TYPE::NORMAL, CONNECTION_DIRECTION::SOURCE);
   ASSERT_TRUE(table->Set(back, ConnectionData{Wires(0x3), nullptr}));
@@ -353,7 +354,7 @@ TEST(LifeCycle, TheConnectionTestRunsAtTheEndWhenSwitchedOn) {
 
   ASSERT_TRUE(s->BeginModification());
   inInfo = s->GetMutable(in, NODE_KIND::INPORT).Value();
-  ASSERT_TRUE(NodeSystemImpl::GetConnections(inInfo)->Erase(back));
+  ASSERT_TRUE(NodeSystemImpl::ConnectionTableOf(inInfo)->Erase(back));
   EXPECT_EQ(Message(s->EndModification(nullptr, FINALIZE_FLAGS::CLEANUP)),
             "Reverse connection from a>out to b<in not found.");
 }

@@ -56,9 +56,9 @@ inline void Connect(NodeSystemImpl& system, std::string_view source, std::string
   NodeInfo* si = system.GetMutable(s, NODE_KIND::NONE).Value();
   NodeInfo* ti = system.GetMutable(t, NODE_KIND::NONE).Value();
   const ConnectionData data{Wires(wires), nullptr};
-  EXPECT_TRUE(NodeSystemImpl::GetConnections(si)->Set(
+  EXPECT_TRUE(NodeSystemImpl::ConnectionTableOf(si)->Set(
       ConnectionKey::Make(t.path, CONNECTION_TYPE::NORMAL, CONNECTION_DIRECTION::TARGET), data));
-  EXPECT_TRUE(NodeSystemImpl::GetConnections(ti)->Set(
+  EXPECT_TRUE(NodeSystemImpl::ConnectionTableOf(ti)->Set(
       ConnectionKey::Make(s.path, CONNECTION_TYPE::NORMAL, CONNECTION_DIRECTION::SOURCE), data));
   EXPECT_TRUE(system.SetModified(s, GFI(0x10411000000)));
   EXPECT_TRUE(system.SetModified(t, GFI(0x8209000000)));

@@ -10,6 +10,7 @@ class NodeSystemClassImpl : public NodeSystemClass {
  public:
   // A new system of this class: initialised (and so finalized), then opened
   // for modification.
+  std::string_view GetClassId() const override { return NODE_SYSTEM_CLASS_IMPL_ID; }
   Result<MutableRoot> CreateNodeSystem() override;
   // The default class adds nothing at the end of a modification.
   Result<void> FinalizeModification(const GNode& root, uint64_t beginStamp, FINALIZE_FLAGS flags,

@@ -56,30 +56,29 @@ FoundNode NodeSystemImpl::_FindPlain(NodePath::Block parts, uint64_t hash, bool 
   return {};
 }
 
-bool NodeSystemImpl::_CheckBaseHit(NodePath::Block parts, const FoundNode& hit) const {
-  // A level between this system and the one that gave the hit may have
-  // removed an element on the way; such a removal is a child record without
-  // ADDED in a record of that level.
-  const uint64_t hitLevel = hit.system->_level;
+bool NodeSystemImpl::IsRemovedAbove(NodePath::Block parts, uint64_t hitLevel) const {
+  // A level between this system and the one that gave a hit may have removed
+  // an element on the way; such a removal is a child record without ADDED in
+  // a record of that level.
   for (size_t i = 0; i < parts.size(); ++i) {
     const NodePath::Block prefix = parts.first(i);
     const FoundNode at = _FindPlain(prefix, NodePath::HashBlock(prefix), false);
     if (!at) {
       ReportInternalError();
-      return false;
+      return true;
     }
     const NodeInfo* record = at.info;
     const NodeSystemImpl* holder = at.system;
     while (record && holder && holder->_level > hitLevel) {
       if (const ChildRecord* child = record->children.Find(parts[i])) {
-        if (!HasAny(child->flags, CHILD_FLAGS::ADDED)) return false;
+        if (!HasAny(child->flags, CHILD_FLAGS::ADDED)) return true;
         break;
       }
       holder = record->baseSystem;
       record = record->base;
     }
   }
-  return true;
+  return false;
 }
 
 FoundNode NodeSystemImpl::_FindChecked(NodePath::Block parts, uint64_t hash, NODE_KIND kinds,

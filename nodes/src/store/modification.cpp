@@ -1,6 +1,5 @@
-// NodeSystemImpl: initialisation, the modification bracket and its
-// copy-on-write entry, the add of a child record, and the consistency check
-// of stored connections.
+// NodeSystemImpl: initialisation, and the modification bracket with its
+// copy-on-write entry.
 
 #include <new>
 #include <optional>
@@ -144,91 +143,6 @@ Result<Ref<NodeSystem>> MutableRoot::EndModification(ChangeList* changeList, FIN
   ORVIX_CHECK_STATE(_system);
   ORVIX_TRY(_system->EndModification(changeList, flags));
   return _system;
-}
-
-// ---------------------------------------------------------------------------
-// Adding a child record
-
-Result<GNode> NodeSystemImpl::AddChildRecord(GNode& parent, NODE_KIND kind, InternedId id,
-                                             const GNode& base, GNODE_FLAGS_IMPL flags) {
-  // A null id may later be taken from the template of the base's system;
-  // until templates exist there is nothing to take it from.
-  if (id.IsNull()) {
-    return Error(ERROR_CLASS::ILLEGAL_ARGUMENT,
-                 "You have to provide a valid id for the node if no base data is given.");
-  }
-  ORVIX_TRY_ASSIGN(NodePath path, parent.path.Append(id));
-  auto exists = [&] {
-    return Error(ERROR_CLASS::ILLEGAL_ARGUMENT,
-                 FormatMessage("There already exists a node with id @ in @.", id, parent.path));
-  };
-  if (FindNode(path)) return exists();
-  ORVIX_TRY_ASSIGN(NodeInfo * parentInfo, GetMutable(parent, NODE_KIND::NONE));
-  bool inserted = false;
-  ChildRecord* record = nullptr;
-  try {
-    record = &parentInfo->children.FindOrInsert(id, &inserted);
-  } catch (const std::bad_alloc&) {
-    return OutOfMemoryError();
-  }
-  if (HasAny(record->flags, CHILD_FLAGS::ADDED)) return exists();
-  CHILD_FLAGS childFlags = CHILD_FLAGS::ADDED;
-  if (HasAny(flags, GNODE_FLAGS_IMPL::DERIVED_PORT_MASK) ||
-      HasAny(kind, NODE_KIND::PORTLIST_MASK) || id.GetString() == NODE_SYSTEM_PORT_ID) {
-    childFlags |= CHILD_FLAGS::SYNTHETIC;
-  }
-  record->flags = childFlags;
-  ORVIX_TRY(SetModified(parent, GNODE_FLAGS_IMPL::MODIFIED_PV_CHILDREN));
-
-  GNode child(std::move(path), base.info, base.system, base.stamp);
-  ORVIX_TRY_ASSIGN(NodeInfo * info, GetMutable(child, kind));
-  info->_addedStamp = _modificationStamp;
-  _structureStamp = _modificationStamp;
-  info->flags |= (parent.info->flags & GNODE_FLAGS_IMPL::INHERIT_FROM_PARENT_MASK) | flags;
-  // SAV and AV attributes, both port derivations and the children.
-  ORVIX_TRY(SetModified(child, GNODE_FLAGS_IMPL(0x411c000000)));
-  return child;
-}
-
-// ---------------------------------------------------------------------------
-// Consistency of stored connections
-
-Result<void> NodeSystemImpl::CheckConnectionConsistency() const {
-  std::optional<Error> failure;
-  for (const NodeMap* layer = _nodes.Get(); layer && !failure; layer = layer->GetParent()) {
-    layer->ForEachEntry([&](const NodeMap::Entry& e) {
-      if (failure || !e.IsPublished()) return;
-      const PortRecord* port = e.info->AsPort();
-      if (!port || port->connections.IsEmpty()) return;
-      for (const NodeMap* above = _nodes.Get(); above != layer; above = above->GetParent()) {
-        if (above->FindInLayer(e.hash, e.path.ToBlock())) return;
-      }
-      port->connections.ForEach([&](const ConnectionKey& key, const ConnectionData& data) {
-        const bool otherIsTarget = key.IsOtherTarget();
-        const NodePath& from = otherIsTarget ? e.path : key.other;
-        const NodePath& to = otherIsTarget ? key.other : e.path;
-        const FoundNode other = FindNode(key.other, NODE_KIND::PORT_MASK);
-        const ConnectionTable* table = other ? GetConnections(other.info) : nullptr;
-        const ConnectionData* back = table ? table->Find(key.Reversed(e.path)) : nullptr;
-        if (!back) {
-          failure.emplace(ERROR_CLASS::ILLEGAL_STATE,
-                          FormatMessage("Reverse connection from @ to @ not found.", from, to));
-          return false;
-        }
-        if (!(*back == data)) {
-          const ConnectionData& atSource = otherIsTarget ? data : *back;
-          const ConnectionData& atTarget = otherIsTarget ? *back : data;
-          failure.emplace(ERROR_CLASS::ILLEGAL_STATE,
-                          FormatMessage("Inconsistent result for wires from @ to @: @ and @", from,
-                                        to, atSource, atTarget));
-          return false;
-        }
-        return true;
-      });
-    });
-  }
-  if (failure) return std::move(*failure);
-  return Ok();
 }
 
 }  // namespace orvix::nodes

@@ -24,6 +24,8 @@
 #include "orvix/nodes/node_system.h"
 #include "store/node_info.h"
 #include "store/node_map.h"
+#include "validation/connection_queries.h"
+#include "validation/loop_tables.h"
 #include "validation/topology_data.h"
 #include "validation/validation_stages.h"
 
@@ -68,13 +70,6 @@ class NodeSystemImpl final : public NodeSystem {
   //   "Node system modification not within BeginModification()/EndModification()."
   Result<void> CheckModification(bool requireModification) const;
 
-  // Walks the connections that this system stores and checks that each is
-  // held at both of its ends with equal data. It stands for the consistency
-  // test of connection queries, which will compare GetConnections of both
-  // ends once those queries exist; the stored tables are what it checks now.
-  //   "Reverse connection from @ to @ not found."
-  //   "Inconsistent result for wires from @ to @: @ and @"
-  Result<void> CheckConnectionConsistency() const;
 
   // Adds the child `id` of `kind` below `parent`: the parent's child record
   // (ADDED, plus SYNTHETIC for port lists, derived ports and the node-system
@@ -83,8 +78,68 @@ class NodeSystemImpl final : public NodeSystem {
   // add ends here; the structural edits build their checks and change
   // entries on it.
   //   "There already exists a node with id @ in @."
+  // `inserted` tells whether the child record is new; an existing one means
+  // that the removal of a base's child is being taken back.
   Result<GNode> AddChildRecord(GNode& parent, NODE_KIND kind, InternedId id, const GNode& base,
-                               GNODE_FLAGS_IMPL flags);
+                               GNODE_FLAGS_IMPL flags, bool* inserted = nullptr);
+
+  // --- Structural edits (store/add.cpp, store/connect.cpp, store/remove.cpp).
+
+  // The node `id` made from the finished system `system` and its companion
+  // reference (null for a system that no template made). `publicCall` marks
+  // the node with "checkuniquenumber"; a replay of recorded changes leaves it
+  // out.
+  //   "Node system to add hasn't been validated."
+  //   "Node system to add has node system class @, expected @."
+  Result<GNode> AddNode(InternedId id, Ref<NodeSystem> system, Ref<RefCounted> companion,
+                        ChangeList* changeList, bool publicCall);
+  // AddPort with an interned id.
+  //   "You can't add a port directly to node @."
+  //   "You can't add the top-level port @ to @: This points to a nested node."
+  Result<GNode> AddPortImpl(const GNode& parent, InternedId id, GNODE_FLAGS_IMPL flags,
+                            ChangeList* changeList);
+  // Connect with its internal arguments: `attributes`, if given, replace the
+  // connection's (null erases them); `check` applies the connect rules, which
+  // replays of known-good data skip.
+  //   "Illegal wire mode @ for call to Connect()."
+  Result<void> ConnectImpl(const GNode& source, const GNode& target, Wires modes,
+                           const Ref<ConnectionAttributes>* attributes, ChangeList* changeList,
+                           bool check);
+  // Remove, or with `derived` the form that port validation uses, which may
+  // take derived ports away.
+  Result<void> RemoveImpl(const GNode& node, ChangeList* changeList, bool derived);
+  Result<void> RemoveDerived(const GNode& node, ChangeList* changeList) {
+    return RemoveImpl(node, changeList, true);
+  }
+
+  // --- Connection queries (validation/connection_queries.cpp).
+
+  // Reports the effective connections of `query.port` (see ConnectionQuery
+  // and GET_CONNECTIONS_FLAGS). True if the query ran to its end; false if
+  // the port isn't a port, the callback stopped it, or with `filterPath` the
+  // connection was found. A record found in a base whose path is k parts
+  // shorter than the level being read counts only if k <= maxDepth.
+  //   "INDUCED_DEPENDENCIES can only be used in conjunction with SHORTCUTS."
+  //   "The path @ doesn't exist in this node system."
+  Result<bool> GetConnections(uint64_t wiresMask, GET_CONNECTIONS_FLAGS flags,
+                              ConnectionQuery& query, uint64_t maxDepth) const;
+  // The connection from `source` to `target` at the port's own level: its
+  // wires (zero if there is none) and attributes. With INHERITED_ONLY in
+  // `extraFlags`, what the bases supply.
+  Result<ConnectionData> ReadConnection(const GNode& source, const GNode& target,
+                                        GET_CONNECTIONS_FLAGS extraFlags) const;
+  // Marks every port connected to `port`, implicit wires included:
+  // MODIFIED_TARGETS on a source, MODIFIED_SOURCES on a target. The recursive
+  // form does so for `port` and every port below it, and skips other ends
+  // inside that subtree.
+  Result<void> TouchConnectedPorts(const GNode& port);
+  Result<void> TouchConnectedPortsRecursive(const GNode& port);
+  // Walks the connections that this system stores and checks that each is
+  // seen from both of its ends alike: the published GetConnections of every
+  // port in both directions, and for each report the reverse query.
+  //   "Reverse connection from @ to @ not found."
+  //   "Inconsistent result for wires from @ to @: @ and @"
+  Result<void> CheckConnectionConsistency() const;
 
   // --- Modified bits and lists (validation/modified_lists.cpp).
 
@@ -148,6 +203,11 @@ class NodeSystemImpl final : public NodeSystem {
   // own map is passed over at the first step (a lookup in the bases only).
   FoundNode FindNode(const NodePath& path, NODE_KIND kinds = NODE_KIND::ALL_MASK,
                      bool mayBeAbsent = true, bool skipOwn = false) const;
+  // True if a system above `level` on the way from this one (this system, or
+  // a base between it and the system of that level) removed an element on the
+  // way to `parts`. Writes the internal-error diagnostic and answers true if a
+  // prefix can't be resolved.
+  bool IsRemovedAbove(NodePath::Block parts, uint64_t level) const;
   // The same for a bare block of parts, without making a path.
   FoundNode FindNode(NodePath::Block parts, NODE_KIND kinds = NODE_KIND::ALL_MASK,
                      bool mayBeAbsent = true, bool skipOwn = false) const;
@@ -201,7 +261,7 @@ class NodeSystemImpl final : public NodeSystem {
 
   // The connection table of a port record held by this system; null for any
   // other kind.
-  static ConnectionTable* GetConnections(NodeInfo* info) noexcept {
+  static ConnectionTable* ConnectionTableOf(NodeInfo* info) noexcept {
     PortRecord* port = info ? info->AsPort() : nullptr;
     return port ? &port->connections : nullptr;
   }
@@ -248,12 +308,34 @@ class NodeSystemImpl final : public NodeSystem {
   Result<void> ValidatePorts(ChangeList* changeList) override;
   Result<void> BeginModification() override;
   Result<void> EndModification(ChangeList* changeList, FINALIZE_FLAGS flags) override;
+  Result<GNode> AddChild(std::string_view id, Ref<NodeSystem> system,
+                         ChangeList* changeList) override;
+  Result<GNode> AddPort(const GNode& parent, std::string_view id, GNODE_FLAGS flags,
+                        ChangeList* changeList) override;
+  Result<void> ResetChild(const GNode& parent, InternedId id, ChangeList* changeList) override;
+  Result<void> Remove(const GNode& node, ChangeList* changeList) override {
+    return RemoveImpl(node, changeList, false);
+  }
+  Result<void> Connect(const GNode& source, const GNode& target, Wires modes,
+                       ChangeList* changeList) override {
+    return ConnectImpl(source, target, modes, nullptr, changeList, true);
+  }
+  Result<bool> GetConnections(const GNode& port, PORT_DIR direction, Wires mask,
+                              GET_CONNECTIONS_MODE mode,
+                              const ConnectionCallback& callback) const override;
+  Result<Wires> GetConnection(const GNode& source, const GNode& target) const override;
+  Result<bool> GetConnectionValues(const GNode& source, const GNode& target,
+                                   const ConnectionValueCallback& callback) const override;
+  Result<Data> GetConnectionValue(const GNode& source, const GNode& target, uint32_t kind,
+                                  InternedId id) const override;
+  Result<bool> SetConnectionValue(const GNode& source, const GNode& target, uint32_t kind,
+                                  InternedId id, const Data& value,
+                                  ChangeList* changeList) override;
 
   // --- Members. Further members arrive with their subsystems: the
   // derivation handler and the template's owner with templates and classes;
-  // _loopDependencies with loop dependencies; the two derivation tables and
-  // _derivedAttributes with attribute derivation; _instantiation with
-  // instantiation contexts.
+  // the two derivation tables and _derivedAttributes with attribute
+  // derivation; _instantiation with instantiation contexts.
 
   Ref<NodeSystemClass> _class;
   // The template this system was instantiated from, and its arguments; the
@@ -274,6 +356,11 @@ class NodeSystemImpl final : public NodeSystem {
   ValidationQueue* _portValidation = nullptr;
   // Set while attribute validation runs.
   AttributeSetup* _attribSetup = nullptr;
+
+  // One record per loop source, and the induced dependencies built from them.
+  LoopDependencyTable _loopDependencies;
+  InducedSourceTable _inducedSources;
+  InducedTargetTable _inducedTargets;
 
   std::vector<Ref<NodeSystem>> _bases;
   Ref<NodeMap> _nodes;
@@ -304,7 +391,9 @@ class NodeSystemImpl final : public NodeSystem {
   // True if no level between this system and the one that gave `hit` removed
   // an element on the way to `parts`. Writes the internal-error diagnostic
   // and answers false if a prefix can't be resolved.
-  bool _CheckBaseHit(NodePath::Block parts, const FoundNode& hit) const;
+  bool _CheckBaseHit(NodePath::Block parts, const FoundNode& hit) const {
+    return !IsRemovedAbove(parts, hit.system->_level);
+  }
   FoundNode _FindChecked(NodePath::Block parts, uint64_t hash, NODE_KIND kinds, bool mayBeAbsent,
                          bool skipOwn) const;
   // The stamp that a handle of a record of `holder` gets.
@@ -315,6 +404,15 @@ class NodeSystemImpl final : public NodeSystem {
   void _FreeGarbage() noexcept;
   // The passes of the port stage.
   Result<void> _RunPortPasses();
+  // Removes the subtree of `node`, children first: marks the ports connected
+  // from outside `top`, clears the connections and entries this system holds,
+  // and drops loop records.
+  Result<void> _RemoveSubtree(const GNode& node, const NodePath& top);
+  // Takes the reverse entry of each normal connection and each source
+  // shortcut of the port `self` from the other end, then empties `table`.
+  Result<void> _ClearConnections(const NodePath& self, ConnectionTable& table);
+  // The marks and stamps of a parent that lost a child.
+  Result<void> _MarkChildRemoved(GNode& parent);
   // Links `info` at the front of the system's modified list unless it is on
   // a list.
   void _LinkModified(NodeInfo* info) noexcept;

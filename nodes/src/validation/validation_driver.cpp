@@ -204,7 +204,7 @@ Result<void> NodeSystemImpl::VisitConnectedTopLevelPorts(
       pending.pop_back();
       Refresh(current);
       if (!current.info) continue;
-      if (const ConnectionTable* table = GetConnections(current.info)) {
+      if (const ConnectionTable* table = ConnectionTableOf(current.info)) {
         table->ForEach([&](const ConnectionKey& key, const ConnectionData& data) {
           if (key.GetDirection() == wanted && (data.wires.GetValue() & wiresMask) != 0 &&
               (withShortcuts || key.GetType() == CONNECTION_TYPE::NORMAL)) {

@@ -40,6 +40,12 @@ struct ValidationStages {
   // attribute setup of its root.
   std::function<Result<void>(NodeSystemImpl& system)> initDerivedAttributes;
   std::function<Result<void>(NodeSystemImpl& system)> initRootAttributes;
+  // Whether a stored shortcut between a filter source and a filter target
+  // counts, as the derivation handler of both ports decides. Without it every
+  // stored shortcut counts.
+  std::function<Result<bool>(const NodeSystemImpl& system, const GNode& source,
+                             const GNode& target)>
+      filterShortcut;
 };
 
 // The direction of the attribute being derived now, if any.

@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "orvix/graph/flags.h"
 #include "orvix/graph/node_path.h"
 #include "orvix/graph/wires.h"
 #include "orvix/host/data.h"
@@ -34,6 +35,19 @@ enum class CONNECTION_DIRECTION : uint32_t {
   SOURCE = 0,  // the other end is a source of this port
   TARGET = 1,  // the other end is a target of this port
 };
+
+// What a reader of a port's connections asks for, as the graph model hands
+// it on.
+enum class GET_CONNECTIONS_MODE : uint32_t {
+  NONE = 0x0,
+  CONNECTIONS = 0x1,           // the normal connections (the default)
+  SHORTCUTS = 0x2,             // the shortcut connections, filter shortcuts confirmed
+  EXTERNAL_CONNECTIONS = 0x4,  // only connections that leave the port's node
+  WITHOUT_INHIBITED = 0x8,     // skip connections with a wire on the inhibit channel
+  INDUCED_DEPENDENCIES = 0x10, // induced dependencies too (with SHORTCUTS)
+  WITH_IMPLICIT_FLAG = 0x20,   // read by the graph model: mark implicit wires
+};
+ORVIX_FLAG_SET_OPERATORS(GET_CONNECTIONS_MODE)
 
 std::string_view ToString(CONNECTION_TYPE type);
 std::string_view ToString(CONNECTION_DIRECTION direction);

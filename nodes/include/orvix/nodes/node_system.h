@@ -18,9 +18,12 @@
 #include <string_view>
 #include <vector>
 
+#include "orvix/graph/connection.h"
 #include "orvix/graph/flags.h"
 #include "orvix/graph/node_kind.h"
 #include "orvix/graph/node_path.h"
+#include "orvix/graph/wires.h"
+#include "orvix/host/data.h"
 #include "orvix/host/interned_id.h"
 #include "orvix/host/ref.h"
 #include "orvix/host/result.h"
@@ -60,6 +63,15 @@ ORVIX_FLAG_SET_OPERATORS(MODIFIED)
 
 // Called with each changed element and what changed at it; false ends the walk.
 using ChangeCallback = std::function<Result<bool>(const GNode& node, MODIFIED what)>;
+// Called with each effective connection of a port: the port at the other end,
+// the wires (IMPLICIT set in each used channel for a wire of an ancestor port)
+// and the connection's attributes (null for none); false ends the walk.
+using ConnectionCallback = std::function<Result<bool>(
+    const GNode& other, Wires wires, const Ref<ConnectionAttributes>& attributes)>;
+// Called with each attribute of a connection in array order; false ends the
+// walk.
+using ConnectionValueCallback =
+    std::function<bool(CONNECTION_ATTRIBUTE_KIND kind, InternedId id, const Data& value)>;
 // Called with each node of a subtree; false ends the walk.
 using NodeVisitor = std::function<Result<bool>(const GNode& node)>;
 
@@ -156,6 +168,75 @@ class NodeSystem : public RefCounted {
   // 43: rebuilds a deep node map as two layers; does nothing while the map is
   // shallow. The system stays as it was if memory runs out.
   virtual Result<void> Compact() = 0;
+
+  // --- Structural edits. Each runs inside the modification bracket, on a
+  // system with a single owner, and marks what it touched for validation; no
+  // edit validates by itself. `changeList` receives the entries that undo the
+  // edit; null records nothing. Handles of elements that are gone fail with
+  // "Node with path @ doesn't exist any longer.", empty ones with
+  // "Nullptr node".
+
+  // 46: adds the child node `id` whose content is `system`, a finished system
+  // of the same class. The node stores only its difference from `system`.
+  //   "Node system to add hasn't been validated."
+  //   "Node system to add has node system class @, expected @."
+  //   "There already exists a node with id @ in @."
+  virtual Result<GNode> AddChild(std::string_view id, Ref<NodeSystem> system,
+                                 ChangeList* changeList) = 0;
+  // 53: adds the port `id` below a port list or a port. Top-level ports are
+  // added to the root's port lists only; nested ports below any port.
+  //   "You can't add a port directly to node @."
+  //   "You can't add the top-level port @ to @: This points to a nested node."
+  virtual Result<GNode> AddPort(const GNode& parent, std::string_view id, GNODE_FLAGS flags,
+                                ChangeList* changeList) = 0;
+  // 54: takes away this system's difference about the child `id` of
+  // `parent`, so that the child is what the base says, or gone if the base
+  // has none. A child without a record here is no error.
+  virtual Result<void> ResetChild(const GNode& parent, InternedId id, ChangeList* changeList) = 0;
+  // 55: removes a child node of the root, or a port of the root or a nested
+  // port, with everything below it and every connection to it.
+  //   "Node @ cannot be removed. Only children of the node system's root can be removed."
+  //   "Top-level port @ cannot be removed. It belongs to a nested node."
+  //   "@ cannot be removed. This is not a valid path of a node or port."
+  //   "@ is a derived port, therefore it cannot be removed directly."
+  virtual Result<void> Remove(const GNode& node, ChangeList* changeList) = 0;
+  // 56: sets the wires from `source` to `target` channel by channel: a byte
+  // of 0 leaves the channel, WIRE_MODE::REMOVE clears it, WIRE_MODE::INHERIT
+  // takes the base's wire back, 1..0x7f sets that mode. Disconnecting is a
+  // Connect with REMOVE.
+  //   "Illegal wire mode @ for call to Connect()."
+  //   "@ is not a port."
+  //   "Can't connect ports @, @ because they are within the same top-level port."
+  virtual Result<void> Connect(const GNode& source, const GNode& target, Wires modes,
+                               ChangeList* changeList) = 0;
+
+  // --- Connections as the layers and levels make them.
+
+  // 57: calls `callback` with each effective connection of `port`: its
+  // sources, or its targets for PORT_DIR::OUTPUT, whose wires meet `mask`
+  // (0x3f per channel for every priority, 0x7f to include the wires of
+  // ancestor ports). True if the walk ran to its end; false if `port` isn't a
+  // port or the callback stopped the walk.
+  virtual Result<bool> GetConnections(const GNode& port, PORT_DIR direction, Wires mask,
+                                      GET_CONNECTIONS_MODE mode,
+                                      const ConnectionCallback& callback) const = 0;
+  // 58: the wires from `source` to `target`; zero if there is no connection.
+  virtual Result<Wires> GetConnection(const GNode& source, const GNode& target) const = 0;
+  // 59: calls `callback` with each attribute of the connection from `source`
+  // to `target`. False if the callback stopped the walk.
+  virtual Result<bool> GetConnectionValues(const GNode& source, const GNode& target,
+                                           const ConnectionValueCallback& callback) const = 0;
+  // 60: the attribute (`kind`: 0 source end, 1 connection, 2 target end) `id`
+  // of the connection from `source` to `target`; empty if it isn't set. The
+  // id "net.orvix.node.ionodes" of an end reads "in" or "out" by default.
+  virtual Result<Data> GetConnectionValue(const GNode& source, const GNode& target,
+                                          uint32_t kind, InternedId id) const = 0;
+  // 61: sets that attribute; an empty value erases it. True if something
+  // changed.
+  //   "There is no connection from @ to @."
+  virtual Result<bool> SetConnectionValue(const GNode& source, const GNode& target, uint32_t kind,
+                                          InternedId id, const Data& value,
+                                          ChangeList* changeList) = 0;
 
  protected:
   NodeSystem() = default;

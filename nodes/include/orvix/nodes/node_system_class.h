@@ -20,7 +20,7 @@ class ChangeList;
 class NodeSystem;
 
 // The id of the default class, NodeSystemClassImpl.
-inline constexpr std::string_view NODE_SYSTEM_CLASS_IMPL_ID = "net.orvix.node.class.nodesystemclass";
+inline constexpr std::string_view NODE_SYSTEM_CLASS_IMPL_ID = "net.orvix.node.nodesystemclass";
 
 // How a modification ends.
 enum class FINALIZE_FLAGS : uint32_t {
@@ -36,6 +36,11 @@ ORVIX_FLAG_SET_OPERATORS(FINALIZE_FLAGS)
 
 class NodeSystemClass : public RefCounted {
  public:
+  // The id of the class object's class; two systems belong to the same class
+  // when these ids are equal. Not an operation of the interface's table: the
+  // host's object system answers it for every object.
+  virtual std::string_view GetClassId() const = 0;
+
   // 0: a new empty system of this class, under modification, with the handle
   // of its root. Ending that modification with CLEANUP yields an empty,
   // validated system.

@@ -1,0 +1,245 @@
+// NodeSystemImpl: the edits that add elements. Every add ends in
+// AddChildRecord; AddPort and AddNode put their rules and marks around it.
+
+#include <new>
+#include <utility>
+
+#include "orvix/host/error.h"
+#include "orvix/host/format.h"
+#include "orvix/nodes/modification.h"
+#include "store/node_system_impl.h"
+
+namespace orvix::nodes {
+
+namespace {
+using GFI = GNODE_FLAGS_IMPL;
+
+// The marks of a new element: its children, both port derivations and both
+// attribute rounds.
+constexpr GFI NEW_ELEMENT_BITS = GFI::MODIFIED_PV_CHILDREN | GFI::MODIFIED_PV_SOURCES |
+                                 GFI::MODIFIED_PV_TARGETS | GFI::MODIFIED_AV_ATTRIBUTES |
+                                 GFI::MODIFIED_SAV_ATTRIBUTES;
+static_assert(ToBits(NEW_ELEMENT_BITS) == 0x411c000000);
+// The marks of each port of a new node: what flows in, and its attributes.
+constexpr GFI NEW_NODE_PORT_BITS = GFI::MODIFIED_PV_SOURCES | GFI::MODIFIED_SAV_ATTRIBUTES;
+static_assert(ToBits(NEW_NODE_PORT_BITS) == 0x4008000000);
+
+// The mark that a public add leaves on a new node until its unique number has
+// been checked.
+constexpr std::string_view CHECK_UNIQUE_NUMBER_ID = "checkuniquenumber";
+constexpr int64_t CHECK_UNIQUE_NUMBER_PENDING = -2;
+
+bool IsPortListPart(InternedId id) {
+  return id == NodePath::GetInputsId() || id == NodePath::GetOutputsId();
+}
+}  // namespace
+
+Result<GNode> NodeSystemImpl::AddChildRecord(GNode& parent, NODE_KIND kind, InternedId id,
+                                             const GNode& base, GNODE_FLAGS_IMPL flags,
+                                             bool* inserted) {
+  // A null id may later be taken from the template of the base's system;
+  // until templates exist there is nothing to take it from.
+  if (id.IsNull()) {
+    return Error(ERROR_CLASS::ILLEGAL_ARGUMENT,
+                 "You have to provide a valid id for the node if no base data is given.");
+  }
+  ORVIX_TRY_ASSIGN(NodePath path, parent.path.Append(id));
+  auto exists = [&] {
+    return Error(ERROR_CLASS::ILLEGAL_ARGUMENT,
+                 FormatMessage("There already exists a node with id @ in @.", id, parent.path));
+  };
+  if (FindNode(path)) return exists();
+  ORVIX_TRY_ASSIGN(NodeInfo * parentInfo, GetMutable(parent, NODE_KIND::NONE));
+  bool isNew = false;
+  ChildRecord* record = nullptr;
+  try {
+    record = &parentInfo->children.FindOrInsert(id, &isNew);
+  } catch (const std::bad_alloc&) {
+    return OutOfMemoryError();
+  }
+  if (HasAny(record->flags, CHILD_FLAGS::ADDED)) return exists();
+  const CHILD_FLAGS oldFlags = record->flags;
+  // Puts the child table back as it was if a later step fails.
+  auto undo = [&] {
+    if (isNew) {
+      parentInfo->children.Erase(id);
+    } else if (ChildRecord* r = parentInfo->children.FindForWriting(id)) {
+      r->flags = oldFlags;
+    }
+  };
+  if (Result<void> marked = SetModified(parent, GFI::MODIFIED_PV_CHILDREN); !marked) {
+    undo();
+    return std::move(marked).GetError();
+  }
+  CHILD_FLAGS childFlags = CHILD_FLAGS::ADDED;
+  if (HasAny(flags, GFI::DERIVED_PORT_MASK) || HasAny(kind, NODE_KIND::PORTLIST_MASK) ||
+      id.GetString() == NODE_SYSTEM_PORT_ID) {
+    childFlags |= CHILD_FLAGS::SYNTHETIC;
+  }
+  // SetModified may have moved nothing, but the table is the parent's own:
+  // look the record up again rather than trust the reference across a call.
+  record = parentInfo->children.FindForWriting(id);
+  record->flags = childFlags;
+
+  GNode child(std::move(path), base.info, base.system, base.stamp);
+  Result<NodeInfo*> made = GetMutable(child, kind);
+  if (!made) {
+    undo();
+    return std::move(made).GetError();
+  }
+  NodeInfo* info = *made;
+  info->_addedStamp = _modificationStamp;
+  _structureStamp = _modificationStamp;
+  info->flags |= (parentInfo->flags & GFI::INHERIT_FROM_PARENT_MASK) | flags;
+  ORVIX_TRY(SetModified(child, NEW_ELEMENT_BITS));
+  if (inserted) *inserted = isNew;
+  return child;
+}
+
+// ---------------------------------------------------------------------------
+// Ports
+
+Result<GNode> NodeSystemImpl::AddPort(const GNode& parent, std::string_view id,
+                                      GNODE_FLAGS flags, ChangeList* changeList) {
+  ORVIX_TRY_ASSIGN(InternedId portId, InternedId::Create(id));
+  return AddPortImpl(parent, portId, ToImplFlags(flags), changeList);
+}
+
+Result<GNode> NodeSystemImpl::AddPortImpl(const GNode& parent, InternedId id,
+                                          GNODE_FLAGS_IMPL flags, ChangeList* changeList) {
+  static_cast<void>(changeList);
+  ORVIX_TRY(CheckModification(true));
+  GNode owner = parent;
+  ORVIX_TRY(Resolve(owner));
+  const NODE_KIND kind = owner.GetKind();
+  if (!HasAny(kind, NODE_KIND::PORTLIST_MASK | NODE_KIND::PORT_MASK)) {
+    return Error(ERROR_CLASS::ILLEGAL_ARGUMENT,
+                 FormatMessage("You can't add a port directly to node @.", owner.path));
+  }
+  // The ports of a child node are its nested system's; only nested ports can
+  // be added there, below an existing port.
+  if (HasAny(kind, NODE_KIND::PORTLIST_MASK) && !IsPortListPart(owner.path.GetPart(0))) {
+    return Error(ERROR_CLASS::ILLEGAL_ARGUMENT,
+                 FormatMessage("You can't add the top-level port @ to @: This points to a "
+                               "nested node.",
+                               id, owner.path));
+  }
+  const NODE_KIND portKind = HasAny(kind, NODE_KIND::IN_MASK) ? NODE_KIND::INPORT
+                                                              : NODE_KIND::OUTPORT;
+  ORVIX_TRY_ASSIGN(GNode port, AddChildRecord(owner, portKind, id, GNode(),
+                                              flags | GFI::DIRECT_PORT));
+  if (port.path.IsTopLevelPort()) ORVIX_TRY(SetModified(port, GFI::MODIFIED_TOPOLOGY));
+  return port;
+}
+
+// ---------------------------------------------------------------------------
+// Nodes
+
+Result<GNode> NodeSystemImpl::AddChild(std::string_view id, Ref<NodeSystem> system,
+                                       ChangeList* changeList) {
+  ORVIX_TRY_ASSIGN(InternedId nodeId, InternedId::Create(id));
+  return AddNode(nodeId, std::move(system), Ref<RefCounted>(), changeList, true);
+}
+
+Result<GNode> NodeSystemImpl::AddNode(InternedId id, Ref<NodeSystem> system,
+                                      Ref<RefCounted> companion, ChangeList* changeList,
+                                      bool publicCall) {
+  static_cast<void>(changeList);
+  if (!system) return Error(ERROR_CLASS::NULL_OBJECT, "Null object.");
+  auto notValidated = [] {
+    return Error(ERROR_CLASS::ILLEGAL_STATE, "Node system to add hasn't been validated.");
+  };
+  // Asking a system under modification to end as a group would close the
+  // bracket of whoever edits it.
+  if (!system->IsFinalized()) return notValidated();
+  auto* content = dynamic_cast<NodeSystemImpl*>(system.Get());
+  if (!content) {
+    return ConditionError(CONDITION_KIND::ILLEGAL_ARGUMENT, "system is a NodeSystemImpl");
+  }
+  // A system that no template made becomes the node's own: a private copy
+  // that its class may finish as a group.
+  if (!content->_template) {
+    ORVIX_TRY_ASSIGN(MutableRoot privateRoot, nodes::BeginModification(system, false));
+    ORVIX_TRY_ASSIGN(system, privateRoot.EndModification(nullptr, FINALIZE_FLAGS::FOR_GROUP));
+    content = static_cast<NodeSystemImpl*>(system.Get());
+  }
+
+  ORVIX_TRY(CheckModification(true));
+  if (!content->IsFinalized()) return notValidated();
+  const std::string_view expected = _class ? _class->GetClassId() : std::string_view();
+  const std::string_view given = content->_class ? content->_class->GetClassId()
+                                                 : std::string_view();
+  if (given != expected) {
+    return Error(ERROR_CLASS::ILLEGAL_ARGUMENT,
+                 FormatMessage("Node system to add has node system class @, expected @.", given,
+                               expected));
+  }
+  // The topological results of the content are computed once topology
+  // validation is installed; a content without them has nothing to finish.
+
+  if (_level <= content->_level) _level = content->_level + 1;
+
+  GNode root = GetRoot();
+  const GNode contentRoot = content->GetRoot();
+  ORVIX_TRY_ASSIGN(GNode node,
+                   AddChildRecord(root, NODE_KIND::NODE, id, contentRoot, GFI::NONE));
+  ORVIX_TRY(SetModified(node, GFI::MODIFIED_TOPOLOGY));
+  NodeRecord* record = node.info->AsNode();
+  record->_nestedSystem = system;
+  record->_nestedData = std::move(companion);
+  record->flags |= GFI::DIRECT_INSTANCE;
+
+  const InternedId nodeSystemPort = InternedId::Get(NODE_SYSTEM_PORT_ID);
+  for (const PORT_DIR direction : {PORT_DIR::INPUT, PORT_DIR::OUTPUT}) {
+    ORVIX_TRY_ASSIGN(GNode list, GetPortList(node, direction));
+    if (!list) continue;
+    ChildIterator it;
+    StartChildren(it, list);
+    std::vector<InternedId> ports;
+    try {
+      for (InternedId port = NextChildId(it); port.IsPopulated(); port = NextChildId(it)) {
+        if (!(port == nodeSystemPort)) ports.push_back(port);
+      }
+    } catch (const std::bad_alloc&) {
+      return OutOfMemoryError();
+    }
+    for (const InternedId port : ports) {
+      ORVIX_TRY_ASSIGN(NodePath portPath, list.path.Append(port));
+      GNode handle = MakeHandle(portPath);
+      ORVIX_TRY(SetModified(handle, NEW_NODE_PORT_BITS));
+    }
+  }
+
+  if (publicCall) {
+    NodeInfo* info = node.info;
+    try {
+      if (!info->attributes) info->attributes = MakeRef<AttributeTable>();
+      AttributeRecord& value =
+          info->attributes->records.FindOrInsert(InternedId::Get(CHECK_UNIQUE_NUMBER_ID));
+      value.value = Data(CHECK_UNIQUE_NUMBER_PENDING);
+      value.stamp = _modificationStamp;
+    } catch (const std::bad_alloc&) {
+      return OutOfMemoryError();
+    }
+  }
+
+  // The loop records of the content now live below the node.
+  if (!content->_loopDependencies.empty()) {
+    const InternedId prefix[] = {id};
+    try {
+      for (const auto& [path, loop] : content->_loopDependencies) {
+        ORVIX_TRY_ASSIGN(NodePath key, path.Prepend(prefix));
+        LoopRecord& taken = _loopDependencies[std::move(key)];
+        taken = loop;
+        taken.validationCount = _attribValidationCount;
+      }
+    } catch (const std::bad_alloc&) {
+      return OutOfMemoryError();
+    }
+    _systemFlags |= GFI::MODIFIED_SAV_LOOP_DEPENDENCIES_CHANGE;
+  }
+  Refresh(node);
+  return node;
+}
+
+}  // namespace orvix::nodes

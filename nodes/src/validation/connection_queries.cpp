@@ -1,0 +1,674 @@
+// NodeSystemImpl: the effective connections of a port, over levels (the
+// port and its ancestor ports) and layers (the record in this system and the
+// records of the same element in the bases), and the reads and touches built
+// on that walk.
+
+#include <algorithm>
+#include <new>
+#include <optional>
+#include <unordered_set>
+#include <utility>
+#include <vector>
+
+#include "orvix/host/diagnostics.h"
+#include "orvix/host/error.h"
+#include "orvix/host/format.h"
+#include "store/node_system_impl.h"
+
+namespace orvix::nodes {
+
+namespace {
+using GCF = GET_CONNECTIONS_FLAGS;
+using GFI = GNODE_FLAGS_IMPL;
+
+constexpr uint64_t LOW_SIX_BITS = 0x3f3f3f3f3f3f3f3fULL;
+constexpr uint64_t IMPLICIT_BITS = 0x4040404040404040ULL;
+// The report of an induced dependency: WIRE_MODE::MIN on channel 2.
+constexpr uint64_t INDUCED_WIRE = uint64_t{0x08} << 16;
+constexpr uint32_t INHIBIT_CHANNEL = 5;
+
+// 0xff in every channel that `w` uses with a mode, 0 elsewhere.
+Wires UsedChannels(Wires w) {
+  return Wires(w.GetValue() & LOW_SIX_BITS).ToMask();
+}
+
+size_t CommonPrefixLength(NodePath::Block a, NodePath::Block b) {
+  const size_t n = std::min(a.size(), b.size());
+  size_t i = 0;
+  while (i < n && a[i] == b[i]) ++i;
+  return i;
+}
+
+bool BlocksEqual(NodePath::Block a, NodePath::Block b) {
+  return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin());
+}
+
+Error MissingPath(const NodePath& path) {
+  return Error(ERROR_CLASS::ILLEGAL_STATE,
+               FormatMessage("The path @ doesn't exist in this node system.", path));
+}
+
+// The record of `info`'s chain that `holder` holds; null if none does.
+const NodeInfo* LayerIn(const NodeInfo* info, const NodeSystemImpl* infoHolder,
+                        const NodeSystemImpl* holder) {
+  for (; info; infoHolder = info->baseSystem, info = info->base) {
+    if (infoHolder == holder) return info;
+  }
+  return nullptr;
+}
+
+// The nearest record of the chain with stored source shortcuts, and its holder.
+std::pair<const NodeInfo*, const NodeSystemImpl*> NearestShortcutLayer(
+    const NodeInfo* info, const NodeSystemImpl* holder) {
+  for (; info; holder = info->baseSystem, info = info->base) {
+    if (info->HasFlags(GFI::HAS_SOURCE_SHORTCUTS)) return {info, holder};
+  }
+  return {nullptr, nullptr};
+}
+
+// True if the attribute `id` holds true in the record's chain, nearest
+// record first.
+bool StoredFlag(const NodeInfo* info, InternedId id) {
+  for (; info; info = info->base) {
+    if (!info->attributes) continue;
+    if (const AttributeRecord* r = info->attributes->records.Find(id)) {
+      return r->value.Get<bool>().ValueOr(false);
+    }
+  }
+  return false;
+}
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// The walk
+
+namespace {
+// One run of GetConnections: the state its steps share.
+class ConnectionWalk {
+ public:
+  ConnectionWalk(const NodeSystemImpl& system, ConnectionQuery& query, GCF flags,
+                 uint64_t maxDepth, const GNode& port)
+      : _system(system), _query(query), _flags(flags), _maxDepth(maxDepth), _port(port) {}
+
+  Result<bool> Run(uint64_t wiresMask);
+
+ private:
+  // What the handling of one record came to.
+  enum class STEP { GO_ON, STOP };
+
+  struct Level {
+    NodePath::Block parts;   // the level's path
+    NodePath::Block suffix;  // the port's path below the level
+    size_t depth = 0;
+    Wires mask[2];           // the remaining masks at the start of the level
+  };
+
+  Result<void> CollectInduced();
+  Result<STEP> HandleRecord(const Level& level, const NodeInfo* layer,
+                            const NodeSystemImpl* holder, size_t k, const ConnectionKey& key,
+                            const ConnectionData& data);
+  // The decision on one record whose other end exists; nothing if rejected.
+  Result<bool> Accept(const Level& level, const NodeSystemImpl* holder, const ConnectionKey& key,
+                      const ConnectionData& data, const NodePath& otherPath,
+                      const FoundNode& otherFound);
+  Result<bool> IsShortcutValid(const NodeSystemImpl* holder, const FoundNode& target) const;
+  Result<bool> Report();
+
+  const NodeSystemImpl& _system;
+  ConnectionQuery& _query;
+  GCF _flags;
+  const uint64_t _maxDepth;
+  const GNode _port;
+  Wires _remaining[2];
+  // Induced dependencies not yet reported, in table order.
+  std::vector<NodePath> _pending;
+  bool _found = false;
+};
+
+Result<void> ConnectionWalk::CollectInduced() {
+  if (!HasAny(_flags, GCF::INDUCED_DEPENDENCIES)) return Ok();
+  if (!HasAny(_flags, GCF::SHORTCUTS)) {
+    return Error(ERROR_CLASS::ILLEGAL_ARGUMENT,
+                 "INDUCED_DEPENDENCIES can only be used in conjunction with SHORTCUTS.");
+  }
+  auto add = [&](const std::set<NodePath>& paths) -> Result<void> {
+    for (const NodePath& path : paths) {
+      NodePath p = path;
+      if (HasAny(_flags, GCF::TOP_LEVEL_PORTS) && !p.IsTopLevelPort()) {
+        ORVIX_TRY_ASSIGN(p, path.GetTopLevelPort());
+      }
+      if (std::find(_pending.begin(), _pending.end(), p) == _pending.end()) {
+        _pending.push_back(std::move(p));
+      }
+    }
+    return Ok();
+  };
+  if (HasAny(_flags, GCF::SOURCES)) {
+    const auto it = _system._inducedSources.find(_port.path);
+    if (it != _system._inducedSources.end()) ORVIX_TRY(add(it->second.paths));
+  }
+  static const InternedId targetFlag = InternedId::Get("loopdependencytarget");
+  if (HasAny(_flags, GCF::TARGETS) && StoredFlag(_port.info, targetFlag)) {
+    const auto it = _system._inducedTargets.find(_port.path);
+    if (it != _system._inducedTargets.end()) ORVIX_TRY(add(it->second));
+  }
+  return Ok();
+}
+
+Result<bool> ConnectionWalk::Run(uint64_t wiresMask) {
+  ORVIX_TRY(CollectInduced());
+  _remaining[0] = _remaining[1] = Wires(wiresMask);
+  const InternedId inputs = NodePath::GetInputsId();
+  const InternedId outputs = NodePath::GetOutputsId();
+  const NodePath::Block parts = _port.path.ToBlock();
+  const NodePath::Block filter = _query.filterPath.ToBlock();
+  const bool filtered = !_query.filterPath.IsEmpty();
+
+  for (size_t levelLength = parts.size(); levelLength > 0; --levelLength) {
+    const InternedId last = parts[levelLength - 1];
+    if (last == inputs || last == outputs) break;
+    const bool wantSources = HasAny(_flags, GCF::SOURCES) && !_remaining[0].IsEmpty();
+    const bool wantTargets = HasAny(_flags, GCF::TARGETS) && !_remaining[1].IsEmpty();
+    if (!wantSources && !wantTargets) break;
+
+    Level level;
+    level.parts = parts.first(levelLength);
+    level.suffix = parts.subspan(levelLength);
+    level.depth = level.suffix.size();
+    level.mask[0] = _remaining[0];
+    level.mask[1] = _remaining[1];
+    // A wire at this level leads to the filter's port only if the nested
+    // parts below agree; they won't agree higher up either.
+    if (filtered &&
+        (filter.size() < level.depth || !BlocksEqual(filter.last(level.depth), level.suffix))) {
+      break;
+    }
+
+    FoundNode element{_port.info, _port.system};
+    if (level.depth > 0) element = _system.FindNode(level.parts, NODE_KIND::PORT_MASK);
+    const NodeInfo* layer = element.info;
+    const NodeSystemImpl* holder = element.system;
+    for (; layer; holder = layer->baseSystem, layer = layer->base) {
+      const size_t layerLength = layer->_pathTmpHandle.GetCount();
+      if (layerLength > levelLength) break;
+      const size_t k = levelLength - layerLength;
+      if (k > _maxDepth) break;
+      // What the bases supply is what they say on their own: the records of
+      // this system neither count nor hide them.
+      if (HasAny(_flags, GCF::INHERITED_ONLY) && holder == &_system) continue;
+      const bool sourceShortcuts = HasAny(_flags, GCF::SOURCES) && HasAny(_flags, GCF::SHORTCUTS);
+      if (sourceShortcuts && !layer->HasFlags(GFI::HAS_SOURCE_SHORTCUTS)) continue;
+      const PortRecord* record = layer->AsPort();
+      if (record && !filtered) {
+        std::optional<Result<STEP>> outcome;
+        record->connections.ForEach([&](const ConnectionKey& key, const ConnectionData& data) {
+          Result<STEP> step = HandleRecord(level, layer, holder, k, key, data);
+          if (!step || *step == STEP::STOP) {
+            outcome.emplace(std::move(step));
+            return false;
+          }
+          return true;
+        });
+        if (outcome) {
+          if (!*outcome) return std::move(*outcome).GetError();
+          return false;
+        }
+      } else if (record) {
+        // The one record of the filter's port at this layer: the filter's
+        // path relative to the layer's system, without the nested parts.
+        if (filter.size() >= k + level.depth && BlocksEqual(filter.first(k), level.parts.first(k))) {
+          NodePath relative = _query.filterPath;
+          if (k > 0 || level.depth > 0) {
+            ORVIX_TRY_ASSIGN(relative,
+                             NodePath::Create(filter.subspan(k, filter.size() - k - level.depth)));
+          }
+          const ConnectionKey key = ConnectionKey::Make(
+              std::move(relative),
+              HasAny(_flags, GCF::SHORTCUTS) ? CONNECTION_TYPE::SHORTCUT : CONNECTION_TYPE::NORMAL,
+              CONNECTION_DIRECTION::TARGET);
+          if (const ConnectionData* data = record->connections.Find(key)) {
+            ORVIX_TRY_ASSIGN(STEP step, HandleRecord(level, layer, holder, k, key, *data));
+            if (_found) return false;
+            if (step == STEP::STOP) return false;
+          }
+        }
+      }
+      if (sourceShortcuts) {
+        _flags &= ~GCF::SOURCES;
+        if (!HasAny(_flags, GCF::TARGETS)) break;
+      }
+    }
+    if (HasAny(_flags, GCF::SHORTCUTS | GCF::WITHOUT_IMPLICIT)) break;
+    if (level.depth == 0) {
+      // Above the port itself only wires asked for with IMPLICIT count.
+      for (Wires& mask : _remaining) {
+        const uint64_t implicit = mask.GetValue() & IMPLICIT_BITS;
+        mask = Wires(Wires(implicit).ToMask().GetValue() & LOW_SIX_BITS);
+      }
+    }
+  }
+
+  // Induced dependencies that no record covered.
+  _query.data.Reset();
+  for (const NodePath& path : _pending) {
+    const FoundNode found = _system.FindNode(path);
+    if (!found) return MissingPath(path);
+    _query.other = GNode(path, found.info, found.system, 0);
+    _system.Refresh(_query.other);
+    _query.wires = Wires(INDUCED_WIRE);
+    ORVIX_TRY_ASSIGN(bool goOn, Report());
+    if (!goOn) return false;
+  }
+  return true;
+}
+
+Result<ConnectionWalk::STEP> ConnectionWalk::HandleRecord(const Level& level,
+                                                           const NodeInfo* layer,
+                                                           const NodeSystemImpl* holder, size_t k,
+                                                           const ConnectionKey& key,
+                                                           const ConnectionData& data) {
+  static_cast<void>(layer);
+  const bool shortcuts = HasAny(_flags, GCF::SHORTCUTS);
+  if ((key.GetType() == CONNECTION_TYPE::SHORTCUT) != shortcuts) return STEP::GO_ON;
+  const CONNECTION_DIRECTION direction = key.GetDirection();
+  const GCF wanted = direction == CONNECTION_DIRECTION::SOURCE ? GCF::SOURCES : GCF::TARGETS;
+  if (!HasAny(_flags, wanted)) return STEP::GO_ON;
+
+  // The other end as this system names it: the level with the layer's own
+  // path replaced by the record's, and the nested parts below.
+  NodePath otherPath = key.other;
+  if (k > 0) {
+    ORVIX_TRY_ASSIGN(otherPath, otherPath.Prepend(level.parts.first(k)));
+  }
+  if (level.depth > 0) {
+    ORVIX_TRY_ASSIGN(otherPath, otherPath.AppendBlock(level.suffix));
+  }
+  // A level newer than the record's may have removed an element on the way.
+  if (holder != &_system && _system.IsRemovedAbove(otherPath.ToBlock(), holder->_level)) {
+    return STEP::GO_ON;
+  }
+  const FoundNode otherFound = _system.FindNode(otherPath, NODE_KIND::ALL_MASK);
+  if (!otherFound) return STEP::GO_ON;
+  // A nearer source wire hides farther ones channel by channel, reported or
+  // not.
+  if (direction == CONNECTION_DIRECTION::SOURCE) _remaining[0] &= ~UsedChannels(data.wires);
+
+  ORVIX_TRY_ASSIGN(bool accepted, Accept(level, holder, key, data, otherPath, otherFound));
+  if (!accepted) return STEP::GO_ON;
+  if (!_query.filterPath.IsEmpty()) {
+    _found = true;
+    if (_query.callback) ORVIX_TRY(Report());
+    return STEP::STOP;
+  }
+  ORVIX_TRY_ASSIGN(bool goOn, Report());
+  return goOn ? STEP::GO_ON : STEP::STOP;
+}
+
+Result<bool> ConnectionWalk::Report() {
+  const auto it = std::find(_pending.begin(), _pending.end(), _query.other.path);
+  if (it != _pending.end()) {
+    _pending.erase(it);
+    _query.wires |= Wires(INDUCED_WIRE);
+  }
+  if (!_query.callback) return true;
+  return _query.callback(_query);
+}
+
+Result<bool> ConnectionWalk::IsShortcutValid(const NodeSystemImpl* holder,
+                                             const FoundNode& target) const {
+  if (!target.info->HasFlags(GFI::SHORTCUT_STOP_MASK)) return false;
+  const auto [targetLayer, targetHolder] = NearestShortcutLayer(target.info, target.system);
+  if (!targetLayer) return false;
+  if (targetHolder == holder) return true;
+  const NodeInfo* portLayer = LayerIn(_port.info, _port.system, targetHolder);
+  if (!portLayer) return false;
+  const PortRecord* record = targetLayer->AsPort();
+  const ConnectionData* back =
+      record ? record->connections.Find(ConnectionKey::Make(
+                   portLayer->_pathTmpHandle, CONNECTION_TYPE::SHORTCUT,
+                   CONNECTION_DIRECTION::SOURCE))
+             : nullptr;
+  if (!back) return false;
+  if (back->wires.IsEmpty()) return ConditionError(CONDITION_KIND::ASSERTION, "w->wires");
+  return true;
+}
+
+Result<bool> ConnectionWalk::Accept(const Level& level, const NodeSystemImpl* holder,
+                                    const ConnectionKey& key, const ConnectionData& data,
+                                    const NodePath& otherPath, const FoundNode& otherFound) {
+  const bool isTarget = key.IsOtherTarget();
+  const bool shortcut = key.GetType() == CONNECTION_TYPE::SHORTCUT;
+  Wires mask = level.mask[isTarget ? 1 : 0];
+
+  // A target shortcut read from another system must still hold here.
+  if (shortcut && isTarget && holder != &_system) {
+    ORVIX_TRY_ASSIGN(bool valid, IsShortcutValid(holder, otherFound));
+    if (!valid) return false;
+  }
+  // A wire of an ancestor port reaches a nested port at the other end only on
+  // the channels where that port and its ancestors below the wire have no
+  // source wire of their own.
+  if (!shortcut && isTarget && level.depth > 0) {
+    for (size_t i = 0; i < level.depth && !mask.IsEmpty(); ++i) {
+      NodePath prefix = otherPath;
+      if (i > 0) {
+        ORVIX_TRY_ASSIGN(prefix, otherPath.Slice(0, NodePath::SliceCount(
+                                                        int64_t(otherPath.GetCount() - i))));
+      }
+      const FoundNode found = _system.FindNode(prefix);
+      if (!found) return MissingPath(prefix);
+      ConnectionQuery nested;
+      nested.port = GNode(prefix, found.info, found.system, 0);
+      _system.Refresh(nested.port);
+      nested.callback = [&mask](ConnectionQuery& q) -> Result<bool> {
+        mask &= ~UsedChannels(q.wires);
+        return !mask.IsEmpty();
+      };
+      ORVIX_TRY(_system.GetConnections(mask.GetValue(), GCF::SOURCES | GCF::WITHOUT_IMPLICIT,
+                                       nested, UNLIMITED_DEPTH));
+    }
+  }
+  // The first record for an other end wins: a nearer level and a newer layer
+  // hide what lies behind them, even where they are masked out.
+  try {
+    if (!_query.seen.insert(otherPath).second) return false;
+  } catch (const std::bad_alloc&) {
+    return OutOfMemoryError();
+  }
+  if (HasAny(_flags, GCF::INHERITED_ONLY) && holder == &_system) return false;
+
+  Wires w(data.wires.GetValue() & LOW_SIX_BITS);
+  if ((UsedChannels(w) & mask.ToMask()).IsEmpty()) return false;
+  if (HasAny(_flags, GCF::WITHOUT_INHIBITED) && w.Get(INHIBIT_CHANNEL) != WIRE_MODE::NONE) {
+    return false;
+  }
+  if (HasAny(_flags, GCF::EXTERNAL_CONNECTIONS) &&
+      CommonPrefixLength(_port.path.ToBlock(), otherPath.ToBlock()) >=
+          _port.path.GetNodeCount()) {
+    return false;
+  }
+  if (level.depth > 0) w |= Wires(UsedChannels(w).GetValue() & IMPLICIT_BITS);
+
+  NodePath reported = otherPath;
+  FoundNode reportedFound = otherFound;
+  if (HasAny(_flags, GCF::TOP_LEVEL_PORTS) && !otherPath.IsTopLevelPort()) {
+    ORVIX_TRY_ASSIGN(reported, otherPath.GetTopLevelPort());
+    reportedFound = _system.FindNode(reported);
+  }
+  if (!reportedFound) return MissingPath(reported);
+
+  if (shortcut && HasAny(_flags, GCF::FILTER_SHORTCUTS)) {
+    // A pair of filter ports: the port's source shortcut to a filter target,
+    // or its target shortcut from a filter source.
+    const NodeInfo* portInfo = _port.info;
+    const NodeInfo* otherInfo = reportedFound.info;
+    const bool filterPair =
+        isTarget ? portInfo->HasFlags(GFI::FILTER_SHORTCUT_SOURCE) &&
+                       otherInfo->HasFlags(GFI::FILTER_SHORTCUT_TARGET)
+                 : portInfo->HasFlags(GFI::FILTER_SHORTCUT_TARGET) &&
+                       otherInfo->HasFlags(GFI::FILTER_SHORTCUT_SOURCE);
+    const ValidationStages* stages = _system._stages;
+    if (filterPair && stages && stages->filterShortcut) {
+      GNode other(reported, reportedFound.info, reportedFound.system, 0);
+      _system.Refresh(other);
+      ORVIX_TRY_ASSIGN(bool keep, isTarget ? stages->filterShortcut(_system, _port, other)
+                                           : stages->filterShortcut(_system, other, _port));
+      if (!keep) return false;
+    }
+  }
+
+  _query.other = GNode(std::move(reported), reportedFound.info, reportedFound.system, 0);
+  _system.Refresh(_query.other);
+  _query.wires = w;
+  _query.data = data.attributes;
+  _query.direction = key.GetDirection();
+  return true;
+}
+}  // namespace
+
+Result<bool> NodeSystemImpl::GetConnections(uint64_t wiresMask, GET_CONNECTIONS_FLAGS flags,
+                                            ConnectionQuery& query, uint64_t maxDepth) const {
+  GNode port = query.port;
+  Refresh(port);
+  if (!port.info || !HasAny(port.path.GetKindRaw(), NODE_KIND::PORT_MASK)) return false;
+  try {
+    ConnectionWalk walk(*this, query, flags, maxDepth, port);
+    return walk.Run(wiresMask);
+  } catch (const std::bad_alloc&) {
+    return OutOfMemoryError();
+  }
+}
+
+// ---------------------------------------------------------------------------
+// Reads and touches built on the walk
+
+Result<ConnectionData> NodeSystemImpl::ReadConnection(const GNode& source, const GNode& target,
+                                                      GET_CONNECTIONS_FLAGS extraFlags) const {
+  GNode port = source;
+  ORVIX_TRY(Resolve(port));
+  GNode other = target;
+  ORVIX_TRY(Resolve(other));
+  ConnectionData result;
+  if (!HasAny(port.path.GetKindRaw(), NODE_KIND::PORT_MASK)) return result;
+  ConnectionQuery query;
+  query.port = std::move(port);
+  query.filterPath = other.path;
+  const uint64_t maxDepth =
+      CommonPrefixLength(query.port.path.ToBlock(), query.filterPath.ToBlock());
+  ORVIX_TRY_ASSIGN(bool ranToEnd,
+                   GetConnections(ALL_WIRES_MASK, extraFlags | GCF::TARGETS, query, maxDepth));
+  if (!ranToEnd) {
+    result.wires = query.wires;
+    result.attributes = std::move(query.data);
+  }
+  return result;
+}
+
+namespace {
+// A port to mark after a walk, and what to mark it with.
+struct Touch {
+  GNode port;
+  GFI bits;
+};
+}  // namespace
+
+Result<void> NodeSystemImpl::TouchConnectedPorts(const GNode& port) {
+  std::vector<Touch> touches;
+  ConnectionQuery query;
+  query.port = port;
+  query.callback = [&touches](ConnectionQuery& q) -> Result<bool> {
+    try {
+      touches.push_back({q.other, q.direction == CONNECTION_DIRECTION::SOURCE
+                                      ? GFI::MODIFIED_TARGETS
+                                      : GFI::MODIFIED_SOURCES});
+    } catch (const std::bad_alloc&) {
+      return OutOfMemoryError();
+    }
+    return true;
+  };
+  ORVIX_TRY(GetConnections(ALL_WIRES_IMPLICIT_MASK, GCF::SOURCES | GCF::TARGETS, query,
+                           UNLIMITED_DEPTH));
+  // Marking fetches records for writing; it waits until the walk is done.
+  for (Touch& touch : touches) ORVIX_TRY(SetModified(touch.port, touch.bits));
+  return Ok();
+}
+
+Result<void> NodeSystemImpl::TouchConnectedPortsRecursive(const GNode& port) {
+  GNode top = port;
+  ORVIX_TRY(Resolve(top));
+  std::vector<Touch> touches;
+  std::vector<GNode> pending{top};
+  while (!pending.empty()) {
+    GNode current = std::move(pending.back());
+    pending.pop_back();
+    ConnectionQuery query;
+    query.port = current;
+    query.callback = [&](ConnectionQuery& q) -> Result<bool> {
+      if (q.other.path.StartsWith(top.path)) return true;
+      try {
+        touches.push_back({q.other, q.direction == CONNECTION_DIRECTION::SOURCE
+                                        ? GFI::MODIFIED_TARGETS
+                                        : GFI::MODIFIED_SOURCES});
+      } catch (const std::bad_alloc&) {
+        return OutOfMemoryError();
+      }
+      return true;
+    };
+    ORVIX_TRY(GetConnections(ALL_WIRES_IMPLICIT_MASK, GCF::SOURCES | GCF::TARGETS, query,
+                             UNLIMITED_DEPTH));
+    ChildIterator it;
+    StartChildren(it, current);
+    for (InternedId id = NextChildId(it); id.IsPopulated(); id = NextChildId(it)) {
+      ORVIX_TRY_ASSIGN(NodePath childPath, current.path.Append(id));
+      GNode child = MakeResolvedHandle(childPath);
+      if (child) pending.push_back(std::move(child));
+    }
+  }
+  for (Touch& touch : touches) ORVIX_TRY(SetModified(touch.port, touch.bits));
+  return Ok();
+}
+
+// ---------------------------------------------------------------------------
+// The published forms
+
+Result<bool> NodeSystemImpl::GetConnections(const GNode& port, PORT_DIR direction, Wires mask,
+                                            GET_CONNECTIONS_MODE mode,
+                                            const ConnectionCallback& callback) const {
+  ORVIX_CHECK_ARGUMENT(callback);
+  GCF flags = direction == PORT_DIR::OUTPUT ? GCF::TARGETS : GCF::SOURCES;
+  if (HasAny(mode, GET_CONNECTIONS_MODE::SHORTCUTS)) flags |= GCF::SHORTCUTS | GCF::FILTER_SHORTCUTS;
+  if (HasAny(mode, GET_CONNECTIONS_MODE::EXTERNAL_CONNECTIONS)) flags |= GCF::EXTERNAL_CONNECTIONS;
+  if (HasAny(mode, GET_CONNECTIONS_MODE::WITHOUT_INHIBITED)) flags |= GCF::WITHOUT_INHIBITED;
+  if (HasAny(mode, GET_CONNECTIONS_MODE::INDUCED_DEPENDENCIES)) {
+    flags |= GCF::INDUCED_DEPENDENCIES;
+  }
+  GNode handle = port;
+  ORVIX_TRY(Resolve(handle));
+  ConnectionQuery query;
+  query.port = std::move(handle);
+  query.callback = [&callback](ConnectionQuery& q) { return callback(q.other, q.wires, q.data); };
+  return GetConnections(mask.GetValue(), flags, query, UNLIMITED_DEPTH);
+}
+
+Result<Wires> NodeSystemImpl::GetConnection(const GNode& source, const GNode& target) const {
+  ORVIX_TRY_ASSIGN(ConnectionData data, ReadConnection(source, target, GCF::NONE));
+  return data.wires;
+}
+
+Result<bool> NodeSystemImpl::GetConnectionValues(const GNode& source, const GNode& target,
+                                                 const ConnectionValueCallback& callback) const {
+  ORVIX_CHECK_ARGUMENT(callback);
+  ORVIX_TRY_ASSIGN(ConnectionData data, ReadConnection(source, target, GCF::NONE));
+  if (!data.attributes) return true;
+  return data.attributes->ForEach(callback);
+}
+
+namespace {
+// The constant arrays that "net.orvix.node.ionodes" reads by default.
+Data MakeIoNodes(std::string_view element) {
+  Result<DataArray> array = DataArray::Create(GetDataType<InternedId>());
+  if (!array) return Data();
+  if (!array->Append(Data(InternedId::Get(element)))) return Data();
+  return Data(std::move(*array));
+}
+const ConstantData g_ioNodesIn([] { return MakeIoNodes("in"); });
+const ConstantData g_ioNodesOut([] { return MakeIoNodes("out"); });
+}  // namespace
+
+const Data& IoNodesDefault(bool output) {
+  return output ? g_ioNodesOut.Get() : g_ioNodesIn.Get();
+}
+
+Result<Data> NodeSystemImpl::GetConnectionValue(const GNode& source, const GNode& target,
+                                                uint32_t kind, InternedId id) const {
+  ORVIX_TRY_ASSIGN(ConnectionAttributeKey key, ConnectionAttributeKey::Create(id, kind));
+  ORVIX_TRY_ASSIGN(ConnectionData data, ReadConnection(source, target, GCF::NONE));
+  if (data.attributes) {
+    if (const Data* value = data.attributes->Find(key)) return *value;
+  }
+  static const InternedId ioNodes = InternedId::Get("net.orvix.node.ionodes");
+  if (!(id == ioNodes) || key.GetKind() == CONNECTION_ATTRIBUTE_KIND::CONNECTION) return Data();
+  GNode end = key.GetKind() == CONNECTION_ATTRIBUTE_KIND::SOURCE ? source : target;
+  ORVIX_TRY(Resolve(end));
+  return IoNodesDefault(HasAny(end.path.GetKindRaw(), NODE_KIND::OUT_MASK));
+}
+
+// ---------------------------------------------------------------------------
+// Consistency
+
+Result<void> NodeSystemImpl::CheckConnectionConsistency() const {
+  // Every port of the root and of the root's child nodes, with its nested
+  // ports: the elements whose wires this system can hold. The tree walk finds
+  // them through the child tables; the records of this system's map are added
+  // so that a record that no child table lists is checked as well.
+  std::vector<GNode> ports;
+  std::unordered_set<NodePath> listed;
+  std::vector<GNode> pending{GetRoot()};
+  try {
+    auto addPort = [&](const GNode& port) {
+      if (port && listed.insert(port.path).second) ports.push_back(port);
+    };
+    while (!pending.empty()) {
+      GNode current = std::move(pending.back());
+      pending.pop_back();
+      if (!current) continue;
+      if (HasAny(current.path.GetKindRaw(), NODE_KIND::PORT_MASK)) addPort(current);
+      ChildIterator it;
+      StartChildren(it, current);
+      for (InternedId id = NextChildId(it); id.IsPopulated(); id = NextChildId(it)) {
+        ORVIX_TRY_ASSIGN(NodePath childPath, current.path.Append(id));
+        if (childPath.GetNodeCount() > 1) continue;
+        pending.push_back(MakeResolvedHandle(childPath));
+      }
+    }
+    for (const NodeMap* layer = _nodes.Get(); layer; layer = layer->GetParent()) {
+      layer->ForEachEntry([&](const NodeMap::Entry& e) {
+        if (e.IsPublished() && e.info->AsPort()) addPort(MakeResolvedHandle(e.path));
+      });
+    }
+  } catch (const std::bad_alloc&) {
+    return OutOfMemoryError();
+  }
+  const Wires mask(ALL_WIRES_IMPLICIT_MASK);
+  for (const GNode& port : ports) {
+    for (const PORT_DIR direction : {PORT_DIR::INPUT, PORT_DIR::OUTPUT}) {
+      const PORT_DIR back = direction == PORT_DIR::INPUT ? PORT_DIR::OUTPUT : PORT_DIR::INPUT;
+      ORVIX_TRY(GetConnections(
+          port, direction, mask, GET_CONNECTIONS_MODE::CONNECTIONS,
+          [&](const GNode& other, Wires wires, const Ref<ConnectionAttributes>&) -> Result<bool> {
+            const GNode& from = direction == PORT_DIR::INPUT ? other : port;
+            const GNode& to = direction == PORT_DIR::INPUT ? port : other;
+            std::optional<Error> failure;
+            ORVIX_TRY_ASSIGN(
+                bool notFound,
+                GetConnections(other, back, mask, GET_CONNECTIONS_MODE::CONNECTIONS,
+                               [&](const GNode& end, Wires backWires,
+                                   const Ref<ConnectionAttributes>&) -> Result<bool> {
+                                 if (!end.path.Equals(port.path)) return true;
+                                 if (backWires != wires) {
+                                   // The source's view first, whichever end
+                                   // the walk met first.
+                                   const bool atSource = direction == PORT_DIR::OUTPUT;
+                                   failure.emplace(
+                                       ERROR_CLASS::ILLEGAL_STATE,
+                                       FormatMessage(
+                                           "Inconsistent result for wires from @ to @: @ and @",
+                                           from.path, to.path, atSource ? wires : backWires,
+                                           atSource ? backWires : wires));
+                                 }
+                                 return false;
+                               }));
+            if (failure) return std::move(*failure);
+            if (notFound) {
+              return Error(ERROR_CLASS::ILLEGAL_STATE,
+                           FormatMessage("Reverse connection from @ to @ not found.", from.path,
+                                         to.path));
+            }
+            return true;
+          }));
+    }
+  }
+  return Ok();
+}
+
+}  // namespace orvix::nodes
