@@ -265,6 +265,12 @@ class RefusingClass : public NodeSystemClass {
   uint64_t seenBeginStamp = 0;
   FINALIZE_FLAGS seenFlags = FINALIZE_FLAGS::NONE;
   std::string_view GetClassId() const override { return "net.orvix.test.refusingclass"; }
+  Ref<DerivedAttribute> GetDerivedAttribute(InternedId) const override { return {}; }
+  ATTRIBUTE_FLAGS GetAttributeFlags(InternedId) const override { return ATTRIBUTE_FLAGS::DIRECT; }
+  Result<uint64_t> AttributeChanged(NodeSystem&, const GNode&, InternedId, ATTRIBUTE_FLAGS,
+                                    const Data&, const Data&) override {
+    return uint64_t{0};
+  }
   Result<MutableRoot> CreateNodeSystem() override {
     return Error(ERROR_CLASS::FUNCTION_NOT_IMPLEMENTED, "not here");
   }

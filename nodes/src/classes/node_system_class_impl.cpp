@@ -36,6 +36,29 @@ Result<Ref<NodeSystem>> NodeSystemClassImpl::CopyNodeSystem(const NodeSystem& so
   return Ref<NodeSystem>(std::move(copy));
 }
 
+Ref<DerivedAttribute> NodeSystemClassImpl::GetDerivedAttribute(InternedId id) const {
+  static_cast<void>(id);
+  return Ref<DerivedAttribute>();
+}
+
+ATTRIBUTE_FLAGS NodeSystemClassImpl::GetAttributeFlags(InternedId id) const {
+  static_cast<void>(id);
+  return ATTRIBUTE_FLAGS::DIRECT;
+}
+
+Result<uint64_t> NodeSystemClassImpl::AttributeChanged(NodeSystem& system, const GNode& node,
+                                                       InternedId id, ATTRIBUTE_FLAGS flags,
+                                                       const Data& newValue,
+                                                       const Data& oldValue) {
+  static_cast<void>(system);
+  static_cast<void>(node);
+  static_cast<void>(id);
+  static_cast<void>(flags);
+  static_cast<void>(newValue);
+  static_cast<void>(oldValue);
+  return uint64_t{0};
+}
+
 Result<Ref<NodeSystemClass>> CreateDefaultNodeSystemClass() {
   ORVIX_TRY_ASSIGN(Ref<NodeSystemClassImpl> cls, NewRef<NodeSystemClassImpl>());
   return Ref<NodeSystemClass>(std::move(cls));

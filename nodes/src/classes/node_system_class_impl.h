@@ -18,6 +18,13 @@ class NodeSystemClassImpl : public NodeSystemClass {
   // A new uninitialized system that takes over the state of `source`.
   //   "Illegal argument: Condition source is a NodeSystemImpl not fulfilled. "
   Result<Ref<NodeSystem>> CopyNodeSystem(const NodeSystem& source) override;
+  // No attribute is derived until attributes are registered.
+  Ref<DerivedAttribute> GetDerivedAttribute(InternedId id) const override;
+  ATTRIBUTE_FLAGS GetAttributeFlags(InternedId id) const override;
+  // The default class needs no word of any change.
+  Result<uint64_t> AttributeChanged(NodeSystem& system, const GNode& node, InternedId id,
+                                    ATTRIBUTE_FLAGS flags, const Data& newValue,
+                                    const Data& oldValue) override;
 };
 
 }  // namespace orvix::nodes

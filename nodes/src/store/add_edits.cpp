@@ -138,11 +138,11 @@ Result<GNode> NodeSystemImpl::AddPortImpl(const GNode& parent, InternedId id,
 Result<GNode> NodeSystemImpl::AddChild(std::string_view id, Ref<NodeSystem> system,
                                        ChangeList* changeList) {
   ORVIX_TRY_ASSIGN(InternedId nodeId, InternedId::Create(id));
-  return AddNode(nodeId, std::move(system), Ref<RefCounted>(), changeList, true);
+  return AddNode(nodeId, std::move(system), Ref<BaseReference>(), changeList, true);
 }
 
 Result<GNode> NodeSystemImpl::AddNode(InternedId id, Ref<NodeSystem> system,
-                                      Ref<RefCounted> companion, ChangeList* changeList,
+                                      Ref<BaseReference> companion, ChangeList* changeList,
                                       bool publicCall) {
   static_cast<void>(changeList);
   if (!system) return Error(ERROR_CLASS::NULL_OBJECT, "Null object.");
@@ -211,16 +211,8 @@ Result<GNode> NodeSystemImpl::AddNode(InternedId id, Ref<NodeSystem> system,
   }
 
   if (publicCall) {
-    NodeInfo* info = node.info;
-    try {
-      if (!info->attributes) info->attributes = MakeRef<AttributeTable>();
-      AttributeRecord& value =
-          info->attributes->records.FindOrInsert(InternedId::Get(CHECK_UNIQUE_NUMBER_ID));
-      value.value = Data(CHECK_UNIQUE_NUMBER_PENDING);
-      value.stamp = _modificationStamp;
-    } catch (const std::bad_alloc&) {
-      return OutOfMemoryError();
-    }
+    ORVIX_TRY(SetValue(node, InternedId::Get(CHECK_UNIQUE_NUMBER_ID),
+                       Data(CHECK_UNIQUE_NUMBER_PENDING), nullptr));
   }
 
   // The loop records of the content now live below the node.

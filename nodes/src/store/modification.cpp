@@ -46,6 +46,8 @@ Result<GNode> NodeSystemImpl::Init(Ref<NodeSystemClass> cls) {
   ORVIX_TRY_ASSIGN(NodeInfo * rootInfo, GetMutable(root, NODE_KIND::NODE));
   rootInfo->_addedStamp = _modificationStamp;
   ORVIX_TRY_ASSIGN(_topology, NewRef<TopologyData>());
+  // Until the attribute stage fills it, the table knows no derived attribute.
+  ORVIX_TRY_ASSIGN(_derivedAttributes, NewRef<DerivedAttributeTable>());
   if (_stages && _stages->initDerivedAttributes) ORVIX_TRY(_stages->initDerivedAttributes(*this));
   const struct {
     InternedId id;

@@ -19,6 +19,7 @@
 #include "orvix/host/interned_id.h"
 #include "orvix/host/ref.h"
 #include "orvix/host/result.h"
+#include "orvix/nodes/base_reference.h"
 #include "orvix/nodes/node_system.h"
 #include "store/connection_table.h"
 #include "store/sorted_table.h"
@@ -126,9 +127,9 @@ struct NodeRecord : NodeInfo {
   // With DIRECT_INSTANCE set, the content of this node is this system. The
   // root of a derived system is such a node, with its base here.
   Ref<NodeSystem> _nestedSystem;
-  // The companion reference that goes with the nested system and is stored
-  // with it.
-  Ref<RefCounted> _nestedData;
+  // What the node keeps about where its nested system came from; stored with
+  // it. Null for a system that no asset made.
+  Ref<BaseReference> _nestedData;
 
   NodeSystemImpl* GetNestedSystemImpl() const noexcept;
 

@@ -76,6 +76,7 @@ Result<Ref<NodeSystemImpl>> NodeSystemImpl::CreateDerived(Ref<NodeSystemImpl> ba
   system->_class = base->_class;
   system->_stages = base->_stages;
   system->_topology = base->_topology;
+  system->_derivedAttributes = base->_derivedAttributes;
   ORVIX_TRY_ASSIGN(system->_nodes, NodeMap::Create(nullptr));
   const FoundNode baseRoot = base->FindNode(NodePath(), NODE_KIND::NODE, false);
   if (!baseRoot) return Error(ERROR_CLASS::ILLEGAL_STATE, std::string(BASE_NOT_INITIALIZED));
@@ -98,8 +99,14 @@ Result<void> NodeSystemImpl::CopyFrom(const NodeSystemImpl& source) {
                           "!src._portValidation && !src._instantiation");
   }
   std::vector<Ref<NodeSystem>> bases;
+  LoopDependencyTable loops;
+  InducedSourceTable inducedSources;
+  InducedTargetTable inducedTargets;
   try {
     bases = source._bases;
+    loops = source._loopDependencies;
+    inducedSources = source._inducedSources;
+    inducedTargets = source._inducedTargets;
   } catch (const std::bad_alloc&) {
     return OutOfMemoryError();
   }
@@ -129,10 +136,14 @@ Result<void> NodeSystemImpl::CopyFrom(const NodeSystemImpl& source) {
   _loadContext.Reset();
   _mutable = source._mutable;
   _topology = source._topology;
+  _derivedAttributes = source._derivedAttributes;
   _systemFlags = GNODE_FLAGS_IMPL::NONE;
   _attribSetup = nullptr;
   _portValidation = nullptr;
   _bases = std::move(bases);
+  _loopDependencies = std::move(loops);
+  _inducedSources = std::move(inducedSources);
+  _inducedTargets = std::move(inducedTargets);
   return Ok();
 }
 

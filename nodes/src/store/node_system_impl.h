@@ -25,6 +25,7 @@
 #include "store/node_info.h"
 #include "store/node_map.h"
 #include "validation/connection_queries.h"
+#include "validation/derived_attribute_table.h"
 #include "validation/loop_tables.h"
 #include "validation/topology_data.h"
 #include "validation/validation_stages.h"
@@ -91,7 +92,7 @@ class NodeSystemImpl final : public NodeSystem {
   // out.
   //   "Node system to add hasn't been validated."
   //   "Node system to add has node system class @, expected @."
-  Result<GNode> AddNode(InternedId id, Ref<NodeSystem> system, Ref<RefCounted> companion,
+  Result<GNode> AddNode(InternedId id, Ref<NodeSystem> system, Ref<BaseReference> companion,
                         ChangeList* changeList, bool publicCall);
   // AddPort with an interned id.
   //   "You can't add a port directly to node @."
@@ -111,6 +112,25 @@ class NodeSystemImpl final : public NodeSystem {
   Result<void> RemoveDerived(const GNode& node, ChangeList* changeList) {
     return RemoveImpl(node, changeList, true);
   }
+
+  // --- Attribute values (attributes/attribute_values.cpp).
+
+  // Where a stored lookup found its answer: the record and its system.
+  struct ValueHolder {
+    const NodeInfo* record = nullptr;
+    const NodeSystemImpl* system = nullptr;
+  };
+  // The value of `id` at `record` (held by `system`) or the nearest record of
+  // its base chain that has one; then the fixed defaults. With
+  // `includeErased` an erased value (a tombstone) is answered as it is,
+  // otherwise as no value. Null for no value; `holder` is the deciding record.
+  static const Data* GetStoredValue(const NodeInfo* record, const NodeSystemImpl* system,
+                                    InternedId id, bool includeErased, ValueHolder* holder);
+  // The book-keeping of a write: stamps, and the marks that make validation
+  // follow the change. `attribute` is null if the record is gone.
+  Result<void> NoteValueChanged(GNode& node, InternedId id, ATTRIBUTE_FLAGS flags,
+                                const DerivedAttribute* derived, NodeInfo* info,
+                                AttributeRecord* attribute);
 
   // --- Connection queries (validation/connection_queries.cpp).
 
@@ -331,11 +351,32 @@ class NodeSystemImpl final : public NodeSystem {
   Result<bool> SetConnectionValue(const GNode& source, const GNode& target, uint32_t kind,
                                   InternedId id, const Data& value,
                                   ChangeList* changeList) override;
+  Result<bool> SetValue(const GNode& node, InternedId id, Data value, ChangeList* changeList,
+                        bool direct = true) override;
+  Result<void> GetValues(const GNode& node, uint32_t mask, ValueMap& map, bool includeBases,
+                         bool keepErased) const override;
+  Result<const Data*> GetValue(const GNode& node, InternedId id) const override {
+    return GetValue(node, id, nullptr, false);
+  }
+  Result<const Data*> GetValue(const GNode& node, InternedId id, int64_t* prefixCount,
+                               bool ownOnly) const override;
+  Result<bool> GetValueWithCallback(const GNode& node, InternedId id,
+                                    const ValueCallback& callback) const override;
+  Result<void> TouchValue(const GNode& node, InternedId id, ChangeList* changeList) override;
+  Result<void> SetSubData(const GNode& node, InternedId id, const DataAccessor& accessor,
+                          std::span<const Data> keys, Data value,
+                          ChangeList* changeList) override;
+  Result<bool> ResetValue(const GNode& node, InternedId id, ChangeList* changeList) override;
+  Result<bool> EraseValue(const GNode& node, InternedId id, ChangeList* changeList) override;
+  Result<bool> EnumerateChangedValues(const GNode& node, uint64_t stamp,
+                                      const ChangedValueCallback& callback) const override;
+  Result<uint64_t> GetValueStamp(const GNode& node, InternedId id) const override;
+  Result<uint64_t> GetConnectionStamp(const GNode& node, PORT_DIR direction) const override;
 
   // --- Members. Further members arrive with their subsystems: the
   // derivation handler and the template's owner with templates and classes;
-  // the two derivation tables and _derivedAttributes with attribute
-  // derivation; _instantiation with instantiation contexts.
+  // the two derivation tables with attribute derivation; _instantiation with
+  // instantiation contexts.
 
   Ref<NodeSystemClass> _class;
   // The template this system was instantiated from, and its arguments; the
@@ -350,6 +391,8 @@ class NodeSystemImpl final : public NodeSystem {
   std::vector<Ref<AttributeTable>> _retiredTables;
   // The result of the last topology validation.
   Ref<TopologyData> _topology;
+  // The derived attributes of the class and the bits of their changes.
+  Ref<DerivedAttributeTable> _derivedAttributes;
   // The installed stages; null runs none (see ValidationStages).
   const ValidationStages* _stages = nullptr;
   // Set while a port pass processes its queue.
@@ -402,6 +445,13 @@ class NodeSystemImpl final : public NodeSystem {
   }
   // Frees the records that removal handed over to the modified lists.
   void _FreeGarbage() noexcept;
+  // Makes the attribute table of `info` safe to write: its own, and a fresh
+  // copy if values of it may have been handed out (the old table is kept
+  // alive until the modification ends).
+  Result<AttributeTable*> _PrepareTable(NodeInfo* info);
+  // The flags and derived attribute of `id` by the class.
+  ATTRIBUTE_FLAGS _AttributeFlags(InternedId id) const;
+  Ref<DerivedAttribute> _DerivedAttribute(InternedId id) const;
   // The passes of the port stage.
   Result<void> _RunPortPasses();
   // Removes the subtree of `node`, children first: marks the ports connected

@@ -66,17 +66,6 @@ std::pair<const NodeInfo*, const NodeSystemImpl*> NearestShortcutLayer(
   return {nullptr, nullptr};
 }
 
-// True if the attribute `id` holds true in the record's chain, nearest
-// record first.
-bool StoredFlag(const NodeInfo* info, InternedId id) {
-  for (; info; info = info->base) {
-    if (!info->attributes) continue;
-    if (const AttributeRecord* r = info->attributes->records.Find(id)) {
-      return r->value.Get<bool>().ValueOr(false);
-    }
-  }
-  return false;
-}
 }  // namespace
 
 // ---------------------------------------------------------------------------
@@ -148,7 +137,9 @@ Result<void> ConnectionWalk::CollectInduced() {
     if (it != _system._inducedSources.end()) ORVIX_TRY(add(it->second.paths));
   }
   static const InternedId targetFlag = InternedId::Get("loopdependencytarget");
-  if (HasAny(_flags, GCF::TARGETS) && StoredFlag(_port.info, targetFlag)) {
+  const Data* isTarget =
+      NodeSystemImpl::GetStoredValue(_port.info, _port.system, targetFlag, false, nullptr);
+  if (HasAny(_flags, GCF::TARGETS) && isTarget && isTarget->Get<bool>().ValueOr(false)) {
     const auto it = _system._inducedTargets.find(_port.path);
     if (it != _system._inducedTargets.end()) ORVIX_TRY(add(it->second));
   }

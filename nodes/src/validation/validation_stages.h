@@ -12,8 +12,11 @@
 
 #include <cstdint>
 #include <functional>
+#include <optional>
 
 #include "orvix/graph/node_kind.h"
+#include "orvix/host/data.h"
+#include "orvix/host/interned_id.h"
 #include "orvix/host/result.h"
 #include "orvix/nodes/gnode.h"
 
@@ -46,6 +49,14 @@ struct ValidationStages {
   std::function<Result<bool>(const NodeSystemImpl& system, const GNode& source,
                              const GNode& target)>
       filterShortcut;
+  // The access rules of attribute derivation, applied while `_attribSetup`
+  // is set: what may be read and written at which port. A read may be
+  // answered by the rule itself (a computed attribute); nothing lets the
+  // stored read go on. Without them every access is allowed.
+  std::function<Result<std::optional<const Data*>>(const NodeSystemImpl& system, const GNode& node,
+                                                   InternedId id)>
+      readRule;
+  std::function<Result<void>(NodeSystemImpl& system, const GNode& node, InternedId id)> writeRule;
 };
 
 // The direction of the attribute being derived now, if any.

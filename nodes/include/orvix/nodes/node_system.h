@@ -16,6 +16,7 @@
 #include <functional>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "orvix/graph/connection.h"
@@ -24,6 +25,7 @@
 #include "orvix/graph/node_path.h"
 #include "orvix/graph/wires.h"
 #include "orvix/host/data.h"
+#include "orvix/host/data_accessor.h"
 #include "orvix/host/interned_id.h"
 #include "orvix/host/ref.h"
 #include "orvix/host/result.h"
@@ -72,6 +74,23 @@ using ConnectionCallback = std::function<Result<bool>(
 // walk.
 using ConnectionValueCallback =
     std::function<bool(CONNECTION_ATTRIBUTE_KIND kind, InternedId id, const Data& value)>;
+// Called with each value of an attribute along an element's base chain,
+// nearest first, with its prefix (see GetValueWithCallback); false ends the
+// walk.
+using ValueCallback = std::function<Result<bool>(const Data& value, int64_t prefix)>;
+// Called with each value of an element that changed after a stamp (empty for
+// a value that was erased); false ends the walk.
+using ChangedValueCallback = std::function<Result<bool>(InternedId id, const Data& value)>;
+// The values of an element by attribute id, as GetValues fills them.
+using ValueMap = std::unordered_map<InternedId, Data>;
+
+// What GetValues takes: values set directly, derived values, and from
+// VALUES_FLAGS_SHIFT up the attribute flags that a value's attribute must
+// share.
+inline constexpr uint32_t VALUES_DIRECT = 0x1;
+inline constexpr uint32_t VALUES_DERIVED = 0x2;
+inline constexpr uint32_t VALUES_ALL = VALUES_DIRECT | VALUES_DERIVED;
+
 // Called with each node of a subtree; false ends the walk.
 using NodeVisitor = std::function<Result<bool>(const GNode& node)>;
 
@@ -237,6 +256,64 @@ class NodeSystem : public RefCounted {
   virtual Result<bool> SetConnectionValue(const GNode& source, const GNode& target, uint32_t kind,
                                           InternedId id, const Data& value,
                                           ChangeList* changeList) = 0;
+
+  // --- Attribute values. A derived system stores only the values it sets;
+  // a read falls through to the bases. Reads hand out a pointer into the
+  // stored record (or to a constant), never a copy: it stays valid while the
+  // system lives unchanged, and during a modification until EndModification.
+
+  // 14: sets the value; an empty value erases it (EraseValue). False if the
+  // element already shows the value. `direct` false is for derivation and
+  // loading: no open modification is required and no one is told.
+  //   "Attribute @ is read-only."
+  //   "A changelist must not be given when a derived attribute is modified."
+  virtual Result<bool> SetValue(const GNode& node, InternedId id, Data value,
+                                ChangeList* changeList, bool direct = true) = 0;
+  // 62: fills `map` with the values of the element that `mask` takes
+  // (VALUES_DIRECT, VALUES_DERIVED, attribute flags from bit 3 up), the base's
+  // first so that nearer ones override. Without `includeBases` an element
+  // that this system doesn't hold yields nothing; without `keepErased` an
+  // erased value takes its id out of the map.
+  virtual Result<void> GetValues(const GNode& node, uint32_t mask, ValueMap& map,
+                                 bool includeBases, bool keepErased) const = 0;
+  // 63: the value, or an empty value if there is none.
+  virtual Result<const Data*> GetValue(const GNode& node, InternedId id) const = 0;
+  // 64: the same, with `prefixCount`: how many leading parts of the path the
+  // read crossed into a nested or base system (paths inside the value are
+  // relative to that element); 0 without a record, -1 with `ownOnly` for the
+  // element's own record.
+  virtual Result<const Data*> GetValue(const GNode& node, InternedId id, int64_t* prefixCount,
+                                       bool ownOnly) const = 0;
+  // 65: calls `callback` with each value of the attribute along the
+  // element's base chain, nearest first. False if the callback stopped it.
+  virtual Result<bool> GetValueWithCallback(const GNode& node, InternedId id,
+                                            const ValueCallback& callback) const = 0;
+  // 66: says that the value changed inside although it is the same object;
+  // a base's value becomes the element's own.
+  //   "TouchValue must not be called for a derived attribute."
+  //   "There is no value for attribute @ at @."
+  virtual Result<void> TouchValue(const GNode& node, InternedId id, ChangeList* changeList) = 0;
+  // 67: sets the part of the value that `keys` name, through `accessor`.
+  virtual Result<void> SetSubData(const GNode& node, InternedId id, const DataAccessor& accessor,
+                                  std::span<const Data> keys, Data value,
+                                  ChangeList* changeList) = 0;
+  // 68: removes the element's own value, so that the base's shows again.
+  // True if a record was removed.
+  virtual Result<bool> ResetValue(const GNode& node, InternedId id, ChangeList* changeList) = 0;
+  // 69: hides the value: afterwards the element has none, whatever the base
+  // says. True if a value was hidden.
+  //   "Assertion failed: Condition !onlyTouchNeeded not fulfilled. "
+  virtual Result<bool> EraseValue(const GNode& node, InternedId id, ChangeList* changeList) = 0;
+  // 70: calls `callback` with each value of the element written after
+  // `stamp`; the bases' values count as new when the whole system is.
+  virtual Result<bool> EnumerateChangedValues(const GNode& node, uint64_t stamp,
+                                              const ChangedValueCallback& callback) const = 0;
+  // 71: the stamp of the value's last write, at least the system's complete
+  // stamp.
+  virtual Result<uint64_t> GetValueStamp(const GNode& node, InternedId id) const = 0;
+  // 72: the stamp of the last change of a port's sources (INPUT) or targets
+  // (OUTPUT), at least the system's complete stamp.
+  virtual Result<uint64_t> GetConnectionStamp(const GNode& node, PORT_DIR direction) const = 0;
 
  protected:
   NodeSystem() = default;

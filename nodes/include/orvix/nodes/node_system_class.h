@@ -12,6 +12,10 @@
 #include "orvix/graph/flags.h"
 #include "orvix/host/ref.h"
 #include "orvix/host/result.h"
+#include "orvix/graph/graph_attribute.h"
+#include "orvix/host/data.h"
+#include "orvix/host/interned_id.h"
+#include "orvix/nodes/derived_attribute.h"
 #include "orvix/nodes/gnode.h"
 
 namespace orvix::nodes {
@@ -52,6 +56,17 @@ class NodeSystemClass : public RefCounted {
   // bracket. A failure ends EndModification and leaves the system mutable.
   virtual Result<void> FinalizeModification(const GNode& root, uint64_t beginStamp,
                                             FINALIZE_FLAGS flags, ChangeList* changeList) = 0;
+  // 2: the derived attribute of `id` in systems of this class; null for a
+  // plain attribute.
+  virtual Ref<DerivedAttribute> GetDerivedAttribute(InternedId id) const = 0;
+  // 3: the flags of the attribute `id`; DIRECT for one that nobody declared.
+  virtual ATTRIBUTE_FLAGS GetAttributeFlags(InternedId id) const = 0;
+  // 11: told before a value changes, with the element, the attribute, its
+  // flags and both values (empty for none). The result is a word of MODIFIED
+  // bits for the stamps (SPECIAL0, SPECIAL1); an error ends the write.
+  virtual Result<uint64_t> AttributeChanged(NodeSystem& system, const GNode& node, InternedId id,
+                                            ATTRIBUTE_FLAGS flags, const Data& newValue,
+                                            const Data& oldValue) = 0;
   // The copy that BeginModification makes of a shared system: a new system of
   // this class holding the state of `source`, which must be finished. The
   // copy shares the source's node map and touches no record.
