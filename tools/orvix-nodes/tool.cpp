@@ -28,6 +28,7 @@ int RunTool(const std::vector<std::string>& args, std::ostream& out, std::ostrea
   AddWiresCommand(app, context, result);
   AddConfigCommand(app, context, result);
   AddRunCommand(app, context, result);
+  AddDemoCommand(app, context, result);
 
   // The environment first, so that the command line wins.
   if (auto env = ApplyConfigFromEnvironment(); !env) {

@@ -31,6 +31,7 @@ void AddPathCommand(CLI::App& app, Context& context, int& result);
 void AddWiresCommand(CLI::App& app, Context& context, int& result);
 void AddConfigCommand(CLI::App& app, Context& context, int& result);
 void AddRunCommand(CLI::App& app, Context& context, int& result);
+void AddDemoCommand(CLI::App& app, Context& context, int& result);
 
 // Runs the tool on `args` (without the program name). `run` calls it again for
 // each line of its file.
