@@ -1,20 +1,23 @@
 // Applies configuration variables from the environment before any test runs,
 // so that CTest can switch on the library's self-checks for a whole suite
-// (g_testGetConnections checks every finished modification's wires).
+// (g_testGetConnections checks every finished modification's wires). It runs
+// as a test environment: by then every variable of the library exists.
 
-#include <cstdio>
-#include <cstdlib>
+#include <gtest/gtest.h>
 
 #include "orvix/host/config.h"
 #include "orvix/nodes/config_variables.h"
 
 namespace {
-const bool g_applied = [] {
-  orvix::nodes::RegisterConfigVariables();
-  if (auto applied = orvix::ApplyConfigFromEnvironment(); !applied) {
-    std::fprintf(stderr, "%s\n", applied.GetError().GetMessage().c_str());
-    std::abort();
+class ConfigFromEnvironment : public ::testing::Environment {
+ public:
+  void SetUp() override {
+    orvix::nodes::RegisterConfigVariables();
+    const orvix::Result<void> applied = orvix::ApplyConfigFromEnvironment();
+    ASSERT_TRUE(applied) << applied.GetError().GetMessage();
   }
-  return true;
-}();
+};
+
+[[maybe_unused]] ::testing::Environment* const g_environment =
+    ::testing::AddGlobalTestEnvironment(new ConfigFromEnvironment);
 }  // namespace

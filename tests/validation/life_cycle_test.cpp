@@ -6,6 +6,7 @@
 #include "orvix/host/diagnostics.h"
 #include "orvix/nodes/config_variables.h"
 #include "orvix/nodes/modification.h"
+#include "orvix/nodes/node_system_class_impl.h"
 #include "validation_test_support.h"
 
 namespace orvix::nodes::test {
@@ -167,10 +168,20 @@ TEST(LifeCycle, BracketMessages) {
             "Illegal state: Condition _mutable not fulfilled. ");
 }
 
+// A template that never instantiates; it only names systems.
+class NamingTemplate : public NodeTemplateBase {
+ public:
+  NamingTemplate() : NodeTemplateBase("net.orvix.test.naming", "1") {}
+  Result<Ref<NodeSystem>> InstantiateImpl(const InstantiationContext&,
+                                          const Ref<TemplateArguments>&) const override {
+    return Error(ERROR_CLASS::FUNCTION_NOT_IMPLEMENTED, "not here");
+  }
+};
+
 TEST(LifeCycle, BeginDropsTheTemplateAndTakesTheBeginStamp) {
   Ref<NodeSystemImpl> s = NewSystem();
-  s->_template = MakeRef<RefCounted>();
-  s->_templateArguments = MakeRef<RefCounted>();
+  s->_template = MakeRef<NamingTemplate>();
+  s->_templateArguments = MakeRef<TemplateArguments>();
   const uint64_t before = s->GetModificationStamp();
   ASSERT_TRUE(s->BeginModification());
   EXPECT_FALSE(s->_template);
@@ -258,19 +269,13 @@ TEST(LifeCycle, CreateNodeSystemYieldsAnOpenEmptySystem) {
 }
 
 // A class whose finishing step fails while `failing` is set, and counts calls.
-class RefusingClass : public NodeSystemClass {
+class RefusingClass : public NodeSystemClassImpl {
  public:
   bool failing = true;
   int calls = 0;
   uint64_t seenBeginStamp = 0;
   FINALIZE_FLAGS seenFlags = FINALIZE_FLAGS::NONE;
   std::string_view GetClassId() const override { return "net.orvix.test.refusingclass"; }
-  Ref<DerivedAttribute> GetDerivedAttribute(InternedId) const override { return {}; }
-  ATTRIBUTE_FLAGS GetAttributeFlags(InternedId) const override { return ATTRIBUTE_FLAGS::DIRECT; }
-  Result<uint64_t> AttributeChanged(NodeSystem&, const GNode&, InternedId, ATTRIBUTE_FLAGS,
-                                    const Data&, const Data&) override {
-    return uint64_t{0};
-  }
   Result<MutableRoot> CreateNodeSystem() override {
     return Error(ERROR_CLASS::FUNCTION_NOT_IMPLEMENTED, "not here");
   }

@@ -66,10 +66,11 @@ Error ChangeListWithDerived() {
 }
 
 // How many leading parts of `node`'s path a read crossed to reach `holder`;
-// -1 for the element's own record with `ownOnly`.
-int64_t PrefixOf(const GNode& node, const NodeSystemImpl::ValueHolder& holder, bool ownOnly) {
+// -1 with `ownOnly` for the element's own record in `self`, the system read.
+int64_t PrefixOf(const NodeSystemImpl& self, const GNode& node,
+                 const NodeSystemImpl::ValueHolder& holder, bool ownOnly) {
   if (!holder.record) return 0;
-  if (ownOnly && holder.record == node.info && holder.system == node.system) return -1;
+  if (ownOnly && holder.record == node.info && holder.system == &self) return -1;
   return int64_t(node.path.GetCount()) - int64_t(holder.record->_pathTmpHandle.GetCount());
 }
 
@@ -122,7 +123,7 @@ Result<const Data*> NodeSystemImpl::GetValue(const GNode& node, InternedId id,
   }
   ValueHolder holder;
   const Data* value = GetStoredValue(handle.info, handle.system, id, false, &holder);
-  if (prefixCount) *prefixCount = PrefixOf(handle, holder, ownOnly);
+  if (prefixCount) *prefixCount = PrefixOf(*this, handle, holder, ownOnly);
   if (!value) return &EmptyData();
 
   // A value handed out during a modification must outlive later writes of
@@ -157,7 +158,7 @@ Result<bool> NodeSystemImpl::GetValueWithCallback(const GNode& node, InternedId 
     if (!record->attributes) continue;
     const AttributeRecord* found = record->attributes->records.Find(id);
     if (!found) continue;
-    const int64_t prefix = PrefixOf(handle, {record, system}, true);
+    const int64_t prefix = PrefixOf(*this, handle, {record, system}, true);
     ORVIX_TRY_ASSIGN(bool goOn, callback(found->value, prefix));
     if (!goOn) return false;
   }
@@ -256,7 +257,10 @@ ATTRIBUTE_FLAGS NodeSystemImpl::_AttributeFlags(InternedId id) const {
 }
 
 Ref<DerivedAttribute> NodeSystemImpl::_DerivedAttribute(InternedId id) const {
-  return _class ? _class->GetDerivedAttribute(id) : Ref<DerivedAttribute>();
+  if (!_class) return Ref<DerivedAttribute>();
+  // Registered attributes that validation doesn't derive are plain ones.
+  const Ref<GraphAttribute> attribute = _class->GetDerivedAttribute(id);
+  return Ref<DerivedAttribute>(dynamic_cast<DerivedAttribute*>(attribute.Get()));
 }
 
 Result<AttributeTable*> NodeSystemImpl::_PrepareTable(NodeInfo* info) {
@@ -363,7 +367,7 @@ Result<bool> NodeSystemImpl::SetValue(const GNode& node, InternedId id, Data val
     bool same = false;
     if (below && holder.record &&
         handle.path.GetCount() != holder.record->_pathTmpHandle.GetCount()) {
-      same = derived->IsEqual(value, handle, *below, PrefixOf(handle, holder, false));
+      same = derived->IsEqual(value, handle, *below, PrefixOf(*this, handle, holder, false));
     } else {
       same = below && *below == value;
     }

@@ -29,6 +29,13 @@ static_assert(ToBits(NEW_NODE_PORT_BITS) == 0x4008000000);
 constexpr std::string_view CHECK_UNIQUE_NUMBER_ID = "checkuniquenumber";
 constexpr int64_t CHECK_UNIQUE_NUMBER_PENDING = -2;
 
+// An empty text names no element: it becomes the null id, which the add
+// refuses with its own message.
+Result<InternedId> InternIdOrNull(std::string_view text) {
+  if (text.empty()) return InternedId();
+  return InternedId::Create(text);
+}
+
 bool IsPortListPart(InternedId id) {
   return id == NodePath::GetInputsId() || id == NodePath::GetOutputsId();
 }
@@ -101,7 +108,7 @@ Result<GNode> NodeSystemImpl::AddChildRecord(GNode& parent, NODE_KIND kind, Inte
 
 Result<GNode> NodeSystemImpl::AddPort(const GNode& parent, std::string_view id,
                                       GNODE_FLAGS flags, ChangeList* changeList) {
-  ORVIX_TRY_ASSIGN(InternedId portId, InternedId::Create(id));
+  ORVIX_TRY_ASSIGN(InternedId portId, InternIdOrNull(id));
   return AddPortImpl(parent, portId, ToImplFlags(flags), changeList);
 }
 
@@ -137,7 +144,7 @@ Result<GNode> NodeSystemImpl::AddPortImpl(const GNode& parent, InternedId id,
 
 Result<GNode> NodeSystemImpl::AddChild(std::string_view id, Ref<NodeSystem> system,
                                        ChangeList* changeList) {
-  ORVIX_TRY_ASSIGN(InternedId nodeId, InternedId::Create(id));
+  ORVIX_TRY_ASSIGN(InternedId nodeId, InternIdOrNull(id));
   return AddNode(nodeId, std::move(system), Ref<BaseReference>(), changeList, true);
 }
 

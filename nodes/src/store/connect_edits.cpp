@@ -115,7 +115,9 @@ Result<void> NodeSystemImpl::ConnectImpl(const GNode& source, const GNode& targe
     next.wires.Set(channel, byte);
   }
   if (!next.wires.IsEmpty()) next.attributes = attributes ? *attributes : current.attributes;
-  // Nothing to do: the state stays as it is stored or as the bases supply it.
+  // Nothing to do: the state stays as it is stored or as the bases supply
+  // it. Going on when nothing is stored would store the bases' state and take
+  // it away again, and still mark both ends and record an entry for no change.
   if (SameState(next, current)) return Ok();
 
   ORVIX_TRY_ASSIGN(NodeInfo * fromInfo, GetMutable(from, NODE_KIND::NONE));
@@ -131,7 +133,10 @@ Result<void> NodeSystemImpl::ConnectImpl(const GNode& source, const GNode& targe
     return std::move(atTargetResult).GetError();
   }
   ConnectionData* atTarget = *atTargetResult;
-  ORVIX_CHECK_ASSERT(*atSource == *atTarget);
+  if (!(*atSource == *atTarget)) {
+    if (insertedAtSource) fromTable->Erase(toTarget);
+    return ConditionError(CONDITION_KIND::ASSERTION, "s.GetValue() == t.GetValue()");
+  }
 
   auto* fromPort = fromInfo->AsPort();
   auto* toPort = toInfo->AsPort();

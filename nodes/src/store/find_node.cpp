@@ -56,10 +56,13 @@ FoundNode NodeSystemImpl::_FindPlain(NodePath::Block parts, uint64_t hash, bool 
   return {};
 }
 
-bool NodeSystemImpl::IsRemovedAbove(NodePath::Block parts, uint64_t hitLevel) const {
+bool NodeSystemImpl::IsRemovedAbove(NodePath::Block parts, const NodeSystemImpl& hit) const {
   // A level between this system and the one that gave a hit may have removed
-  // an element on the way; such a removal is a child record without ADDED in
-  // a record of that level.
+  // an element on the way: a child record without ADDED in a record of that
+  // level. A record with ADDED for a child that a lower record of its chain
+  // had as well took a removed child back as a new element; what the lower
+  // levels hold below it belongs to the old one.
+  const uint64_t hitLevel = hit._level;
   for (size_t i = 0; i < parts.size(); ++i) {
     const NodePath::Block prefix = parts.first(i);
     const FoundNode at = _FindPlain(prefix, NodePath::HashBlock(prefix), false);
@@ -72,6 +75,19 @@ bool NodeSystemImpl::IsRemovedAbove(NodePath::Block parts, uint64_t hitLevel) co
     while (record && holder && holder->_level > hitLevel) {
       if (const ChildRecord* child = record->children.Find(parts[i])) {
         if (!HasAny(child->flags, CHILD_FLAGS::ADDED)) return true;
+        // Taken back after a removal: a lower record of the chain had the
+        // child too, and the hit lies below (the holders below `record` are
+        // the baseSystem of each record of its chain).
+        bool lowerHad = false;
+        bool hitBelow = false;
+        for (const NodeInfo* r = record; r; r = r->base) {
+          if (r->baseSystem == &hit) hitBelow = true;
+          if (r != record) {
+            const ChildRecord* lower = r->children.Find(parts[i]);
+            if (lower && HasAny(lower->flags, CHILD_FLAGS::ADDED)) lowerHad = true;
+          }
+        }
+        if (hitBelow && lowerHad) return true;
         break;
       }
       holder = record->baseSystem;

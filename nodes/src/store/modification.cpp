@@ -78,10 +78,10 @@ Result<void> NodeSystemImpl::CheckModification(bool requireModification) const {
   // run without locks. The loader reaches a system under construction through
   // references of its own, so the test waits until it is done.
   if (!_loadContext && GetReferenceCount() > 1) {
-    // The template's id names the system in the message; the typed template
-    // that has one arrives with templates, and until then the id is empty.
+    // The template's id names the system; a system no template made has none.
+    const std::string_view name = _template ? _template->GetId() : std::string_view();
     return Error(ERROR_CLASS::ILLEGAL_STATE,
-                 FormatMessage("More than one reference to node system @.", std::string_view()));
+                 FormatMessage("More than one reference to node system @.", name));
   }
   if (requireModification && !_mutable) {
     return Error(ERROR_CLASS::ILLEGAL_STATE, std::string(NOT_WITHIN_MODIFICATION));

@@ -3,6 +3,7 @@
 
 #include "store/node_system_impl.h"
 
+#include <algorithm>
 #include <new>
 #include <unordered_set>
 #include <utility>
@@ -73,6 +74,10 @@ Result<Ref<NodeSystemImpl>> NodeSystemImpl::CreateDerived(Ref<NodeSystemImpl> ba
     return OutOfMemoryError();
   }
   system->_level = base->_level + 1;
+  // Above every stamp of the base, so that a handle the base made is looked
+  // up again here rather than taken as this system's.
+  system->_createdStamp = std::max(base->_createdStamp, base->_movedStamp) + 1;
+  system->_movedStamp = system->_createdStamp;
   system->_class = base->_class;
   system->_stages = base->_stages;
   system->_topology = base->_topology;
@@ -111,6 +116,7 @@ Result<void> NodeSystemImpl::CopyFrom(const NodeSystemImpl& source) {
     return OutOfMemoryError();
   }
   _class = source._class;
+  _derivationHandler = source._derivationHandler;
   _stages = source._stages;
   // A copy is no longer what the template made.
   _template.Reset();
@@ -118,9 +124,13 @@ Result<void> NodeSystemImpl::CopyFrom(const NodeSystemImpl& source) {
   // The map is shared: both systems now see it as frozen, and the first
   // write of either puts a layer of its own on top.
   _nodes = source._nodes;
-  _createdStamp = source._createdStamp;
+  // Handles made by the source carry the source's stamps and name it as
+  // their holder; starting above them makes each such handle look its path up
+  // again here on first use, so that it learns that the records are now this
+  // system's.
+  _createdStamp = std::max(source._createdStamp, source._movedStamp) + 1;
   _removedStamp = source._removedStamp;
-  _movedStamp = source._movedStamp;
+  _movedStamp = _createdStamp;
   _modificationStamp = source._modificationStamp;
   _beginStamp = source._beginStamp;
   _attributeStamp = source._attributeStamp;

@@ -223,11 +223,12 @@ class NodeSystemImpl final : public NodeSystem {
   // own map is passed over at the first step (a lookup in the bases only).
   FoundNode FindNode(const NodePath& path, NODE_KIND kinds = NODE_KIND::ALL_MASK,
                      bool mayBeAbsent = true, bool skipOwn = false) const;
-  // True if a system above `level` on the way from this one (this system, or
-  // a base between it and the system of that level) removed an element on the
-  // way to `parts`. Writes the internal-error diagnostic and answers true if a
-  // prefix can't be resolved.
-  bool IsRemovedAbove(NodePath::Block parts, uint64_t level) const;
+  // True if a system above `hit` on the way from this one (this system, or a
+  // base between it and `hit`) removed an element on the way to `parts`, or
+  // replaced it by a new one: then what `hit` holds there is hidden. Writes
+  // the internal-error diagnostic and answers true if a prefix can't be
+  // resolved.
+  bool IsRemovedAbove(NodePath::Block parts, const NodeSystemImpl& hit) const;
   // The same for a bare block of parts, without making a path.
   FoundNode FindNode(NodePath::Block parts, NODE_KIND kinds = NODE_KIND::ALL_MASK,
                      bool mayBeAbsent = true, bool skipOwn = false) const;
@@ -302,6 +303,13 @@ class NodeSystemImpl final : public NodeSystem {
 
   // --- NodeSystem.
   Ref<NodeSystemClass> GetClass() const override { return _class; }
+  Ref<NodeSystemDerivationHandler> GetDerivationHandler() const override;
+  Ref<NodeTemplate> GetTemplate() const override { return _template; }
+  Ref<TemplateArguments> GetTemplateArguments() const override { return _templateArguments; }
+  Result<void> SetDerivationHandler(Ref<NodeSystemDerivationHandler> handler) override;
+  Result<Ref<NodeTemplate>> GetNodeTemplate(const NodePath& path) const override;
+  Result<Ref<NodeSystemDerivationHandler>> GetNodeDerivationHandler(
+      const NodePath& path) const override;
   Ref<NodeSystem> GetBase() const override;
   const std::vector<Ref<NodeSystem>>& GetBases() const override { return _bases; }
   uint64_t GetModificationStamp() const override { return _modificationStamp; }
@@ -374,15 +382,17 @@ class NodeSystemImpl final : public NodeSystem {
   Result<uint64_t> GetConnectionStamp(const GNode& node, PORT_DIR direction) const override;
 
   // --- Members. Further members arrive with their subsystems: the
-  // derivation handler and the template's owner with templates and classes;
+  // template's owner with system-based templates;
   // the two derivation tables with attribute derivation; _instantiation with
   // instantiation contexts.
 
   Ref<NodeSystemClass> _class;
+  // The handler a class put on the system; null runs the default.
+  Ref<NodeSystemDerivationHandler> _derivationHandler;
   // The template this system was instantiated from, and its arguments; the
-  // first modification drops both. Typed when templates arrive.
-  Ref<RefCounted> _template;
-  Ref<RefCounted> _templateArguments;
+  // first modification drops both.
+  Ref<NodeTemplate> _template;
+  Ref<TemplateArguments> _templateArguments;
   // Set while the loader builds the system; the reference test is skipped
   // then, since the loader's own references reach the system.
   Ref<RefCounted> _loadContext;
@@ -435,7 +445,7 @@ class NodeSystemImpl final : public NodeSystem {
   // an element on the way to `parts`. Writes the internal-error diagnostic
   // and answers false if a prefix can't be resolved.
   bool _CheckBaseHit(NodePath::Block parts, const FoundNode& hit) const {
-    return !IsRemovedAbove(parts, hit.system->_level);
+    return !IsRemovedAbove(parts, *hit.system);
   }
   FoundNode _FindChecked(NodePath::Block parts, uint64_t hash, NODE_KIND kinds, bool mayBeAbsent,
                          bool skipOwn) const;

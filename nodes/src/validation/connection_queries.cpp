@@ -234,14 +234,16 @@ Result<bool> ConnectionWalk::Run(uint64_t wiresMask) {
       // Above the port itself only wires asked for with IMPLICIT count.
       for (Wires& mask : _remaining) {
         const uint64_t implicit = mask.GetValue() & IMPLICIT_BITS;
-        mask = Wires(Wires(implicit).ToMask().GetValue() & LOW_SIX_BITS);
+        mask = Wires(mask.GetValue() & Wires(implicit).ToMask().GetValue() & LOW_SIX_BITS);
       }
     }
   }
 
   // Induced dependencies that no record covered.
   _query.data.Reset();
-  for (const NodePath& path : _pending) {
+  const std::vector<NodePath> left = std::move(_pending);
+  _pending.clear();
+  for (const NodePath& path : left) {
     const FoundNode found = _system.FindNode(path);
     if (!found) return MissingPath(path);
     _query.other = GNode(path, found.info, found.system, 0);
@@ -274,15 +276,19 @@ Result<ConnectionWalk::STEP> ConnectionWalk::HandleRecord(const Level& level,
   if (level.depth > 0) {
     ORVIX_TRY_ASSIGN(otherPath, otherPath.AppendBlock(level.suffix));
   }
-  // A level newer than the record's may have removed an element on the way.
-  if (holder != &_system && _system.IsRemovedAbove(otherPath.ToBlock(), holder->_level)) {
-    return STEP::GO_ON;
-  }
   const FoundNode otherFound = _system.FindNode(otherPath, NODE_KIND::ALL_MASK);
   if (!otherFound) return STEP::GO_ON;
+  // A level newer than the record's may have removed or replaced an element
+  // on the way. Asked only of an end that exists, whose prefixes all do.
+  if (holder != &_system && _system.IsRemovedAbove(otherPath.ToBlock(), *holder)) {
+    return STEP::GO_ON;
+  }
   // A nearer source wire hides farther ones channel by channel, reported or
-  // not.
-  if (direction == CONNECTION_DIRECTION::SOURCE) _remaining[0] &= ~UsedChannels(data.wires);
+  // not. A record whose other end a nearer layer has decided already is
+  // hidden itself and hides nothing.
+  if (direction == CONNECTION_DIRECTION::SOURCE && !_query.seen.contains(otherPath)) {
+    _remaining[0] &= ~UsedChannels(data.wires);
+  }
 
   ORVIX_TRY_ASSIGN(bool accepted, Accept(level, holder, key, data, otherPath, otherFound));
   if (!accepted) return STEP::GO_ON;
@@ -488,7 +494,12 @@ Result<void> NodeSystemImpl::TouchConnectedPortsRecursive(const GNode& port) {
   GNode top = port;
   ORVIX_TRY(Resolve(top));
   std::vector<Touch> touches;
-  std::vector<GNode> pending{top};
+  std::vector<GNode> pending;
+  try {
+    pending.push_back(top);
+  } catch (const std::bad_alloc&) {
+    return OutOfMemoryError();
+  }
   while (!pending.empty()) {
     GNode current = std::move(pending.back());
     pending.pop_back();
@@ -512,7 +523,11 @@ Result<void> NodeSystemImpl::TouchConnectedPortsRecursive(const GNode& port) {
     for (InternedId id = NextChildId(it); id.IsPopulated(); id = NextChildId(it)) {
       ORVIX_TRY_ASSIGN(NodePath childPath, current.path.Append(id));
       GNode child = MakeResolvedHandle(childPath);
-      if (child) pending.push_back(std::move(child));
+      try {
+        if (child) pending.push_back(std::move(child));
+      } catch (const std::bad_alloc&) {
+        return OutOfMemoryError();
+      }
     }
   }
   for (Touch& touch : touches) ORVIX_TRY(SetModified(touch.port, touch.bits));
@@ -594,8 +609,9 @@ Result<void> NodeSystemImpl::CheckConnectionConsistency() const {
   // so that a record that no child table lists is checked as well.
   std::vector<GNode> ports;
   std::unordered_set<NodePath> listed;
-  std::vector<GNode> pending{GetRoot()};
+  std::vector<GNode> pending;
   try {
+    pending.push_back(GetRoot());
     auto addPort = [&](const GNode& port) {
       if (port && listed.insert(port.path).second) ports.push_back(port);
     };

@@ -1,11 +1,13 @@
 #pragma once
-// The flags that describe an attribute of a graph element: how it comes about
-// (set directly, derived, user state), whether it is kept, and whether a
-// change of it is a meta change.
+// Attributes of graph elements: their flags (how the attribute comes about,
+// whether it is kept, whether a change of it is a meta change) and the
+// attribute object that answers for an id.
 
 #include <cstdint>
 
 #include "orvix/graph/flags.h"
+#include "orvix/host/interned_id.h"
+#include "orvix/host/ref.h"
 
 namespace orvix {
 
@@ -24,5 +26,21 @@ enum class ATTRIBUTE_FLAGS : uint32_t {
   MESSAGE_MASK = 0x30000,
 };
 ORVIX_FLAG_SET_OPERATORS(ATTRIBUTE_FLAGS)
+
+// An attribute object, registered by id: what an attribute is, as graph
+// models and node system classes ask it. The messages that an attribute
+// reports at a port come with the graph model's ports.
+class GraphAttribute : public RefCounted {
+ public:
+  virtual InternedId GetId() const = 0;
+  // True if a change of `id` changes this attribute: its own id, and for a
+  // computed attribute the ids it is computed from.
+  virtual bool IsAffectedBy(InternedId id) const = 0;
+  virtual ATTRIBUTE_FLAGS GetFlags() const = 0;
+
+ protected:
+  GraphAttribute() = default;
+  ~GraphAttribute() override = default;
+};
 
 }  // namespace orvix

@@ -428,7 +428,7 @@ class Data {
   const DataObject* _Object() const { return *_As<DataObject*>(); }
 
   const DataType* _type;
-  alignas(8) unsigned char _storage[8];
+  alignas(8) unsigned char _storage[8] = {};
 };
 
 void swap(Data& a, Data& b) noexcept;

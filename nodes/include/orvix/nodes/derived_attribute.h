@@ -8,6 +8,7 @@
 #include <span>
 
 #include "orvix/graph/flags.h"
+#include "orvix/graph/graph_attribute.h"
 #include "orvix/host/data.h"
 #include "orvix/host/interned_id.h"
 #include "orvix/host/ref.h"
@@ -31,7 +32,8 @@ enum class DERIVED_ATTRIBUTE_KIND : uint32_t {
 };
 ORVIX_FLAG_SET_OPERATORS(DERIVED_ATTRIBUTE_KIND)
 
-class DerivedAttribute : public RefCounted {
+// A derived attribute is a graph attribute too: one object answers both.
+class DerivedAttribute : public GraphAttribute {
  public:
   virtual DERIVED_ATTRIBUTE_KIND GetKind() const = 0;
   // Whether the attribute takes part in systems of `cls`.

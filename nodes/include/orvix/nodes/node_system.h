@@ -29,8 +29,11 @@
 #include "orvix/host/interned_id.h"
 #include "orvix/host/ref.h"
 #include "orvix/host/result.h"
+#include "orvix/nodes/derivation_handler.h"
 #include "orvix/nodes/gnode.h"
 #include "orvix/nodes/node_system_class.h"
+#include "orvix/nodes/node_template.h"
+#include "orvix/nodes/template_arguments.h"
 
 namespace orvix::nodes {
 
@@ -98,10 +101,18 @@ class NodeSystem : public RefCounted {
  public:
   // 0: the class the system belongs to; null while uninitialized.
   virtual Ref<NodeSystemClass> GetClass() const = 0;
+  // 1: the system's derivation handler: its own, or the default one.
+  virtual Ref<NodeSystemDerivationHandler> GetDerivationHandler() const = 0;
   // 2: the direct base, null for a system with no base.
   virtual Ref<NodeSystem> GetBase() const = 0;
   // 3: the bases; element 0 is the direct base (null for none).
   virtual const std::vector<Ref<NodeSystem>>& GetBases() const = 0;
+
+  // 4: the template the system was made from; null if none, or once the
+  // system has been modified.
+  virtual Ref<NodeTemplate> GetTemplate() const = 0;
+  // 5: the arguments the template was instantiated with.
+  virtual Ref<TemplateArguments> GetTemplateArguments() const = 0;
 
   // 6: true if nothing is pending, garbage included: the state in which a
   // system is shared, read and used as a base.
@@ -123,6 +134,10 @@ class NodeSystem : public RefCounted {
   virtual Result<size_t> GetChildRecordCount(const GNode& node) const = 0;
   // 19: the handle of the root, the empty path.
   virtual GNode GetRoot() const = 0;
+
+  // 20: puts a handler of the class on the system.
+  //   "Illegal argument: Condition handler not fulfilled. "
+  virtual Result<void> SetDerivationHandler(Ref<NodeSystemDerivationHandler> handler) = 0;
 
   // 22: calls `visitor` for `start` if it is a node, then for the nodes below
   // it, depth first, parents before children. The result is false if the
@@ -146,6 +161,15 @@ class NodeSystem : public RefCounted {
   // 28: the nested system of the node that holds `node` (the node itself, or
   // the node of a port list or port); null if it has none.
   virtual Result<Ref<NodeSystem>> GetNestedSystem(const GNode& node) const = 0;
+
+  // 30: the template of the node that `path` leads into: for a path into a
+  // child node, the template of the node's base system (null without a base);
+  // for the root and the root's ports, the system's own template.
+  virtual Result<Ref<NodeTemplate>> GetNodeTemplate(const NodePath& path) const = 0;
+  // 31: the derivation handler by the same rule; the default handler for a
+  // child node without a base system.
+  virtual Result<Ref<NodeSystemDerivationHandler>> GetNodeDerivationHandler(
+      const NodePath& path) const = 0;
 
   // 32: the handle of `path`; an empty handle if there is no such element.
   virtual GNode FindByPath(const NodePath& path) const = 0;

@@ -7,16 +7,18 @@
 // far; the class's part in attributes and templates comes with those.
 
 #include <cstdint>
+#include <span>
 #include <string_view>
 
 #include "orvix/graph/flags.h"
-#include "orvix/host/ref.h"
-#include "orvix/host/result.h"
 #include "orvix/graph/graph_attribute.h"
 #include "orvix/host/data.h"
 #include "orvix/host/interned_id.h"
+#include "orvix/host/ref.h"
+#include "orvix/host/result.h"
 #include "orvix/nodes/derived_attribute.h"
 #include "orvix/nodes/gnode.h"
+#include "orvix/nodes/node_template.h"
 
 namespace orvix::nodes {
 
@@ -25,6 +27,12 @@ class NodeSystem;
 
 // The id of the default class, NodeSystemClassImpl.
 inline constexpr std::string_view NODE_SYSTEM_CLASS_IMPL_ID = "net.orvix.node.nodesystemclass";
+inline constexpr std::string_view NODE_SYSTEM_CLASS_INTERFACE_ID =
+    "net.orvix.node.interface.nodesystemclass";
+// Names declared for the core node space's class and its base class.
+inline constexpr std::string_view CORE_NODE_SYSTEM_CLASS_ID = "net.orvix.corenode.nodesystemclass";
+inline constexpr std::string_view CORE_BASE_NODE_SYSTEM_CLASS_ID =
+    "net.orvix.corenode.basenodesystemclass";
 
 // How a modification ends.
 enum class FINALIZE_FLAGS : uint32_t {
@@ -56,11 +64,38 @@ class NodeSystemClass : public RefCounted {
   // bracket. A failure ends EndModification and leaves the system mutable.
   virtual Result<void> FinalizeModification(const GNode& root, uint64_t beginStamp,
                                             FINALIZE_FLAGS flags, ChangeList* changeList) = 0;
-  // 2: the derived attribute of `id` in systems of this class; null for a
-  // plain attribute.
-  virtual Ref<DerivedAttribute> GetDerivedAttribute(InternedId id) const = 0;
+  // 2: the attribute object registered for `id` (a DerivedAttribute for an
+  // attribute that validation derives); null if there is none.
+  virtual Ref<GraphAttribute> GetDerivedAttribute(InternedId id) const = 0;
   // 3: the flags of the attribute `id`; DIRECT for one that nobody declared.
   virtual ATTRIBUTE_FLAGS GetAttributeFlags(InternedId id) const = 0;
+  // 4: whether the attribute takes part in systems of this class; false for
+  // null.
+  virtual bool SupportsAttribute(const GraphAttribute* attribute) const = 0;
+  // 5: how a value of type `from` converts to `to`: 0 for the same type.
+  virtual Result<uint32_t> GetTypeConversionFlags(const DataType* from,
+                                                  const DataType* to) const = 0;
+  // 6: `value` as a value of `type`.
+  //   "Null object." without a type.
+  virtual Result<Data> ConvertValue(const DataType* type, const Data& value) const = 0;
+  // 7: the class's answer to whether `nodeTemplate` can make systems of it;
+  // the default asks the template (SupportsImpl).
+  virtual Result<bool> SupportsTemplate(const NodeTemplate& nodeTemplate) const = 0;
+  // 8, 9: the hooks of the variant walk: whether the ids chosen so far are
+  // acceptable, and which of the offered ids to take next (null: let the walk
+  // decide).
+  virtual Result<bool> CheckSelectors(const NodeTemplate& nodeTemplate,
+                                      std::span<const InternedId> chosen) const = 0;
+  virtual Result<InternedId> ResolveSelectors(const NodeTemplate& nodeTemplate,
+                                              std::span<const InternedId> chosen,
+                                              std::span<const InternedId> offered) const = 0;
+  // 10: makes a system from `nodeTemplate`: the class's side of the double
+  // dispatch, which calls the template's InstantiateImpl. A failure is
+  // reported at the diagnostic level and handed back unchanged.
+  //   "Node template is nullptr."
+  virtual Result<Ref<NodeSystem>> InstantiateImpl(const InstantiationContext& context,
+                                                  const NodeTemplate* nodeTemplate,
+                                                  const Ref<TemplateArguments>& arguments) = 0;
   // 11: told before a value changes, with the element, the attribute, its
   // flags and both values (empty for none). The result is a word of MODIFIED
   // bits for the stamps (SPECIAL0, SPECIAL1); an error ends the write.

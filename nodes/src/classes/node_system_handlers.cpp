@@ -1,0 +1,50 @@
+// NodeSystemImpl: the system's template and derivation handler, and those of
+// the nodes in it.
+
+#include "orvix/host/error.h"
+#include "store/node_system_impl.h"
+
+namespace orvix::nodes {
+
+namespace {
+// The nested system of the child node that `path` leads into; null for the
+// root and the root's ports, or a node without a base system. `isNode` tells
+// whether the path leads into a child node at all.
+NodeSystemImpl* ChildBaseSystem(const NodeSystemImpl& system, const NodePath& path,
+                                bool* isNode) {
+  const InternedId first = path.GetPart(0);
+  *isNode = first.IsPopulated() && !NodePath::IsPortListPart(first);
+  if (!*isNode) return nullptr;
+  const InternedId part[] = {first};
+  const FoundNode found = system.FindNode(NodePath::Block(part), NODE_KIND::NODE);
+  if (!found || !found.info->HasFlags(GNODE_FLAGS_IMPL::DIRECT_INSTANCE)) return nullptr;
+  return found.info->AsNode()->GetNestedSystemImpl();
+}
+}  // namespace
+
+Ref<NodeSystemDerivationHandler> NodeSystemImpl::GetDerivationHandler() const {
+  return _derivationHandler ? _derivationHandler : NodeSystemDerivationHandlerBase::GetDefault();
+}
+
+Result<void> NodeSystemImpl::SetDerivationHandler(Ref<NodeSystemDerivationHandler> handler) {
+  if (!handler) return ConditionError(CONDITION_KIND::ILLEGAL_ARGUMENT, "handler");
+  _derivationHandler = std::move(handler);
+  return Ok();
+}
+
+Result<Ref<NodeTemplate>> NodeSystemImpl::GetNodeTemplate(const NodePath& path) const {
+  bool isNode = false;
+  const NodeSystemImpl* base = ChildBaseSystem(*this, path, &isNode);
+  if (!isNode) return _template;
+  return base ? base->_template : Ref<NodeTemplate>();
+}
+
+Result<Ref<NodeSystemDerivationHandler>> NodeSystemImpl::GetNodeDerivationHandler(
+    const NodePath& path) const {
+  bool isNode = false;
+  const NodeSystemImpl* base = ChildBaseSystem(*this, path, &isNode);
+  if (!isNode) return GetDerivationHandler();
+  return base ? base->GetDerivationHandler() : NodeSystemDerivationHandlerBase::GetDefault();
+}
+
+}  // namespace orvix::nodes

@@ -1,0 +1,464 @@
+// The effective connections of random graphs against a plain model. The
+// model keeps each system's own wires as (source, target) pairs, finds the
+// layers of an element by following bases and nested nodes, and walks levels
+// and layers the slow, obvious way. Graphs grow by the public edits, in a
+// system, a system derived from it and one derived from that.
+
+#include <algorithm>
+#include <map>
+#include <memory>
+#include <random>
+#include <set>
+#include <sstream>
+
+#include "connection_test_support.h"
+#include "orvix/host/diagnostics.h"
+
+namespace orvix::nodes::test {
+namespace {
+
+constexpr uint64_t LOW6 = 0x3f3f3f3f3f3f3f3fULL;
+constexpr uint64_t IMPLICIT = 0x4040404040404040ULL;
+constexpr uint64_t INHERIT = 0x8080808080808080ULL;
+
+uint64_t Used(uint64_t w) {
+  return Wires(w & LOW6).ToMask().GetValue();
+}
+
+size_t CommonPrefix(const NodePath& a, const NodePath& b) {
+  size_t i = 0;
+  while (i < a.GetCount() && i < b.GetCount() && a.GetPart(i) == b.GetPart(i)) ++i;
+  return i;
+}
+
+NodePath Join(NodePath::Block a, NodePath::Block b, NodePath::Block c = {}) {
+  std::vector<InternedId> parts(a.begin(), a.end());
+  parts.insert(parts.end(), b.begin(), b.end());
+  parts.insert(parts.end(), c.begin(), c.end());
+  return NodePath::Create(parts).Value();
+}
+
+struct Model {
+  const Model* base = nullptr;
+  // The content of each node added in this system, by the node's path.
+  std::map<NodePath, const Model*> nested;
+  // The nodes and ports that exist.
+  std::set<NodePath> elements;
+  // The wires this system stores itself, as Connect leaves them.
+  std::map<std::pair<NodePath, NodePath>, uint64_t> stored;
+};
+
+// One system that may hold records of an element, with the element's path
+// there and the number of leading parts that path lacks.
+struct Layer {
+  const Model* holder;
+  NodePath path;
+  size_t k;
+};
+
+void CollectLayers(const Model& m, NodePath::Block parts, size_t k, std::vector<Layer>& out) {
+  out.push_back({&m, NodePath::Create(parts).Value(), k});
+  if (parts.size() > 1 && !NodePath::IsPortListPart(parts[0])) {
+    const auto it = m.nested.find(NodePath::Create(parts.first(1)).Value());
+    if (it != m.nested.end()) return CollectLayers(*it->second, parts.subspan(1), k + 1, out);
+  }
+  if (m.base) CollectLayers(*m.base, parts, k, out);
+}
+
+struct Report {
+  NodePath other;
+  uint64_t wires;
+  int direction;
+  friend auto operator<=>(const Report&, const Report&) = default;
+};
+
+std::string Text(std::vector<Report> reports) {
+  std::sort(reports.begin(), reports.end());
+  std::ostringstream out;
+  for (const Report& r : reports) {
+    out << " " << (r.direction ? "->" : "<-") << r.other.ToString() << "=0x" << std::hex << r.wires;
+  }
+  return out.str();
+}
+
+std::vector<Report> Walk(const Model& t, const NodePath& port, uint64_t mask, GCF flags,
+                         uint64_t maxDepth) {
+  std::vector<Report> out;
+  std::set<NodePath> seen;
+  uint64_t remaining[2] = {mask, mask};
+  const NodePath::Block parts = port.ToBlock();
+  for (size_t length = parts.size(); length > 0; --length) {
+    if (NodePath::IsPortListPart(parts[length - 1])) break;
+    if (!(HasAny(flags, GCF::SOURCES) && remaining[0]) &&
+        !(HasAny(flags, GCF::TARGETS) && remaining[1])) {
+      break;
+    }
+    const uint64_t levelMask[2] = {remaining[0], remaining[1]};
+    const NodePath::Block level = parts.first(length);
+    const NodePath::Block suffix = parts.subspan(length);
+    std::vector<Layer> layers;
+    CollectLayers(t, level, 0, layers);
+    for (const Layer& layer : layers) {
+      if (layer.k > maxDepth) break;
+      if (HasAny(flags, GCF::INHERITED_ONLY) && layer.holder == &t) continue;
+      for (const auto& [ends, raw] : layer.holder->stored) {
+        for (int direction : {0, 1}) {
+          // Direction 0 is the record at the target: its other end is the source.
+          if ((direction == 0 ? ends.second : ends.first) != layer.path) continue;
+          if (!HasAny(flags, direction == 0 ? GCF::SOURCES : GCF::TARGETS)) continue;
+          const NodePath other = Join(
+              level.first(layer.k), (direction == 0 ? ends.first : ends.second).ToBlock(), suffix);
+          if (!t.elements.count(other)) continue;
+          const uint64_t w = raw & LOW6;
+          if (direction == 0) remaining[0] &= ~Used(w);
+          uint64_t m = levelMask[direction];
+          // The nested ports on the way to the other end keep their own sources.
+          for (size_t i = 0; direction == 1 && i < suffix.size() && m; ++i) {
+            for (const Report& r :
+                 Walk(t, Cut(other, i), m, GCF::SOURCES | GCF::WITHOUT_IMPLICIT, UNLIMITED_DEPTH)) {
+              m &= ~Used(r.wires);
+            }
+          }
+          if (!seen.insert(other).second) continue;
+          if ((Used(w) & Wires(m).ToMask().GetValue()) == 0) continue;
+          if (HasAny(flags, GCF::WITHOUT_INHIBITED) && Wires(w).Get(5u) != WIRE_MODE::NONE)
+            continue;
+          if (HasAny(flags, GCF::EXTERNAL_CONNECTIONS) &&
+              CommonPrefix(port, other) >= port.GetNodeCount()) {
+            continue;
+          }
+          const uint64_t wires = suffix.empty() ? w : w | (Used(w) & IMPLICIT);
+          const bool cut = HasAny(flags, GCF::TOP_LEVEL_PORTS) && !other.IsTopLevelPort();
+          out.push_back({cut ? other.GetTopLevelPort().Value() : other, wires, direction});
+        }
+      }
+    }
+    if (HasAny(flags, GCF::WITHOUT_IMPLICIT)) break;
+    // Above the port, a channel stays asked for only with IMPLICIT, and then
+    // with its priority bits: a byte of IMPLICIT alone asks for nothing more.
+    if (suffix.empty()) {
+      for (uint64_t& r : remaining) r &= Wires(r & IMPLICIT).ToMask().GetValue() & LOW6;
+    }
+  }
+  return out;
+}
+
+// What GetConnection answers: the nearest record at the port's own level.
+uint64_t Lookup(const Model& t, const NodePath& from, const NodePath& to, GCF extra) {
+  for (const Report& r : Walk(t, from, LOW6, GCF::TARGETS | extra, CommonPrefix(from, to))) {
+    if (r.other == to) return r.wires;
+  }
+  return 0;
+}
+
+void ModelConnect(Model& t, const NodePath& from, const NodePath& to, uint64_t modes) {
+  uint64_t inherited = Lookup(t, from, to, GCF::INHERITED_ONLY);
+  inherited |= Wires(inherited).ToMask().GetValue() & INHERIT;
+  const auto it = t.stored.find({from, to});
+  const uint64_t current = it != t.stored.end() ? it->second : inherited;
+  uint64_t next = 0;
+  for (int shift = 0; shift < 64; shift += 8) {
+    const uint64_t mode = (modes >> shift) & 0xff;
+    uint64_t byte = (current >> shift) & 0xff;
+    if (mode == uint64_t(WIRE_MODE::REMOVE)) {
+      byte = 0;
+    } else if (mode == uint64_t(WIRE_MODE::INHERIT)) {
+      byte = (inherited >> shift) & 0xff;
+    } else if (mode != 0) {
+      byte = mode;
+    }
+    next |= byte << shift;
+  }
+  if (next == current) return;
+  if (next == inherited) {
+    t.stored.erase({from, to});
+  } else {
+    t.stored[{from, to}] = next;
+  }
+}
+
+std::vector<NodePath> Ports(const Model& m) {
+  std::vector<NodePath> ports;
+  for (const NodePath& e : m.elements) {
+    if (HasAny(e.GetKindRaw(), NODE_KIND::PORT_MASK)) ports.push_back(e);
+  }
+  return ports;
+}
+
+// One run: the systems of a lineage, their models, and what the random edits
+// must not do again.
+struct World {
+  std::mt19937 rng;
+  std::vector<std::unique_ptr<Model>> models;
+  // The orientation of every pair wired so far: the reverse stays unwired, so
+  // that no port sees one other end as source and target in the same table,
+  // where the table's order would decide which one is reported.
+  std::set<std::pair<NodePath, NodePath>> wired;
+  // Paths once removed are never added again.
+  std::set<NodePath> removed;
+  std::set<NodePath> universe;
+  int nextId = 0;
+
+  explicit World(uint32_t seed) : rng(seed) {}
+  size_t Pick(size_t n) { return rng() % n; }
+  Model& NewModel(const Model* base) {
+    models.push_back(std::make_unique<Model>());
+    models.back()->base = base;
+    if (base) models.back()->elements = base->elements;
+    return *models.back();
+  }
+};
+
+// Applies each edit to a system under modification and to its model.
+struct Editor {
+  World& world;
+  NodeSystemImpl& system;
+  Model& model;
+
+  bool Connect(const NodePath& from, const NodePath& to, uint64_t modes) {
+    if (!system.Connect(system.FindByPath(from), system.FindByPath(to), Wires(modes), nullptr)) {
+      return false;  // against the connect rules
+    }
+    ModelConnect(model, from, to, modes);
+    world.wired.insert({from, to});
+    return true;
+  }
+  void AddPort(const NodePath& path) {
+    Result<GNode> port = system.AddPort(system.FindByPath(Cut(path, 1)),
+                                        path.GetLastPart().GetString(), GNODE_FLAGS::NONE, nullptr);
+    ASSERT_TRUE(port) << path.ToString() << ": " << Message(port);
+    model.elements.insert(path);
+    world.universe.insert(path);
+  }
+  void AddNode(std::string_view id, const Ref<NodeSystemImpl>& content, const Model& inside) {
+    ASSERT_TRUE(system.AddChild(id, content, nullptr));
+    const NodePath node = P(id);
+    model.nested[node] = &inside;
+    model.elements.insert(node);
+    for (const NodePath& e : inside.elements)
+      model.elements.insert(Join(node.ToBlock(), e.ToBlock()));
+    world.universe.insert(model.elements.begin(), model.elements.end());
+  }
+  void Remove(const NodePath& path) {
+    Result<void> r = system.Remove(system.FindByPath(path), nullptr);
+    ASSERT_TRUE(r) << path.ToString() << ": " << Message(r);
+    std::erase_if(model.elements, [&](const NodePath& e) { return e.StartsWith(path); });
+    std::erase_if(model.stored, [&](const auto& entry) {
+      return entry.first.first.StartsWith(path) || entry.first.second.StartsWith(path);
+    });
+    world.removed.insert(path);
+  }
+
+  uint64_t RandomModes() {
+    static constexpr uint8_t modes[] = {0x08, 0x10, 0x20, 0x30, 0x11, 0x50, 0x3e, 0x80};
+    uint64_t word = 0;
+    for (int channel = 0; channel < 8; ++channel) {
+      const bool rare = channel == 4 || channel >= 6;
+      if (world.Pick(10) < (rare ? 1u : 4u))
+        word |= uint64_t(modes[world.Pick(8)]) << (8 * channel);
+    }
+    return word;
+  }
+
+  void RandomConnect() {
+    const std::vector<NodePath> ports = Ports(model);
+    for (int attempt = 0; attempt < 30; ++attempt) {
+      NodePath from = ports[world.Pick(ports.size())];
+      NodePath to = ports[world.Pick(ports.size())];
+      if (world.Pick(3) == 0) {
+        // Rewire what is there, here or in a base.
+        const std::vector<Report> targets = Walk(model, from, LOW6, GCF::TARGETS, UNLIMITED_DEPTH);
+        if (!targets.empty()) to = targets[world.Pick(targets.size())].other;
+      }
+      if (world.wired.count({to, from})) continue;
+      if (Connect(from, to, RandomModes())) return;
+    }
+  }
+
+  void RandomEdit(const Ref<NodeSystemImpl>& gate, const Model& gateModel) {
+    const size_t roll = world.Pick(20);
+    const std::vector<NodePath> ports = Ports(model);
+    if (roll < 14) return RandomConnect();
+    if (roll < 17) {
+      // A nested port below any port, or a new port of the root.
+      NodePath path;
+      if (world.Pick(4) == 0) {
+        path = P((world.Pick(2) ? "<t" : ">t") + std::to_string(world.nextId++));
+      } else {
+        const NodePath& parent = ports[world.Pick(ports.size())];
+        if (parent.GetCount() - parent.GetNodeCount() > 3) return;
+        path = parent.Append(InternedId::Get(std::string(1, "xyz"[world.Pick(3)]))).Value();
+      }
+      if (!model.elements.count(path) && !world.removed.count(path)) AddPort(path);
+      return;
+    }
+    if (roll < 18) {
+      // A nested port, or a port of the root; the top-level ports of nodes stay.
+      std::vector<NodePath> removable;
+      for (const NodePath& p : ports) {
+        if (!p.IsTopLevelPort() || NodePath::IsPortListPart(p.GetPart(0))) removable.push_back(p);
+      }
+      if (!removable.empty()) Remove(removable[world.Pick(removable.size())]);
+      return;
+    }
+    std::vector<NodePath> nodes;
+    for (const NodePath& e : model.elements) {
+      if (e.GetCount() == 1 && e.GetKindRaw() == NODE_KIND::NODE) nodes.push_back(e);
+    }
+    if (roll == 18) {
+      if (nodes.size() > 3) return Remove(nodes[world.Pick(nodes.size())]);
+      return RandomConnect();
+    }
+    AddNode("g" + std::to_string(world.nextId++), gate, gateModel);
+  }
+};
+
+std::vector<Report> Actual(const NodeSystemImpl& s, const NodePath& port, uint64_t mask, GCF flags,
+                           uint64_t maxDepth, const NodePath& filter = NodePath(),
+                           bool* ranToEnd = nullptr) {
+  std::vector<Report> out;
+  ConnectionQuery query;
+  query.port = s.FindByPath(port);
+  query.filterPath = filter;
+  query.callback = [&](ConnectionQuery& q) -> Result<bool> {
+    EXPECT_TRUE(q.other) << q.other.path.ToString();
+    out.push_back({q.other.path, q.wires.GetValue(), int(q.direction)});
+    return true;
+  };
+  Result<bool> r = s.GetConnections(mask, flags, query, maxDepth);
+  EXPECT_TRUE(r) << Message(r);
+  if (ranToEnd) *ranToEnd = r && *r;
+  if (filter.IsEmpty()) {
+    EXPECT_TRUE(r && *r) << port.ToString();
+  }
+  return out;
+}
+
+void Check(World& world, const NodeSystemImpl& s, const Model& m, const std::string& name) {
+  SCOPED_TRACE(name);
+  EXPECT_EQ(Message(s.CheckConnectionConsistency()), "(ok)");
+  for (const NodePath& path : world.universe) {
+    ASSERT_EQ(bool(s.FindByPath(path)), m.elements.count(path) == 1) << path.ToString();
+  }
+  static constexpr uint8_t maskBytes[] = {0, 0x3f, 0x7f, 0x7f, 0x40};
+  static constexpr GCF optional[] = {GCF::TOP_LEVEL_PORTS, GCF::EXTERNAL_CONNECTIONS,
+                                     GCF::WITHOUT_INHIBITED, GCF::WITHOUT_IMPLICIT,
+                                     GCF::INHERITED_ONLY};
+  auto randomMask = [&] {
+    uint64_t mask = 0;
+    for (int channel = 0; channel < 8; ++channel) {
+      mask |= uint64_t(maskBytes[world.Pick(5)]) << (8 * channel);
+    }
+    return mask;
+  };
+  auto randomFlags = [&](GCF flags) {
+    for (GCF f : optional) {
+      if (world.Pick(4) == 0) flags |= f;
+    }
+    return flags;
+  };
+  static constexpr uint64_t depths[] = {UNLIMITED_DEPTH, UNLIMITED_DEPTH, 0, 1};
+  int failures = 0;
+  const std::vector<NodePath> ports = Ports(m);
+  for (const NodePath& port : ports) {
+    for (int round = 0; round < 8 && failures < 5; ++round) {
+      const GCF flags = randomFlags(world.Pick(3) == 0   ? GCF::SOURCES
+                                    : world.Pick(2) == 0 ? GCF::TARGETS
+                                                         : GCF::SOURCES | GCF::TARGETS);
+      const uint64_t mask = round == 0 ? ALL_WIRES_IMPLICIT_MASK : randomMask();
+      const uint64_t depth = depths[world.Pick(4)];
+      const std::string expected = Text(Walk(m, port, mask, flags, depth));
+      const std::string actual = Text(Actual(s, port, mask, flags, depth));
+      if (expected != actual) ++failures;
+      EXPECT_EQ(expected, actual) << port.ToString() << " flags 0x" << std::hex << ToBits(flags)
+                                  << " mask 0x" << mask << " depth 0x" << depth;
+    }
+    // The filtered walk finds exactly what the unfiltered one reports for the
+    // filter's port, and GetConnection is the plain walk at the port's level.
+    const GCF flags = randomFlags(GCF::TARGETS) & ~GCF::TOP_LEVEL_PORTS;
+    const uint64_t mask = randomMask();
+    const std::vector<Report> all = Actual(s, port, mask, flags, UNLIMITED_DEPTH);
+    for (const NodePath& other : ports) {
+      bool ranToEnd = true;
+      const std::vector<Report> found =
+          Actual(s, port, mask, flags, UNLIMITED_DEPTH, other, &ranToEnd);
+      const auto it =
+          std::find_if(all.begin(), all.end(), [&](const Report& r) { return r.other == other; });
+      EXPECT_EQ(!ranToEnd, it != all.end()) << port.ToString() << " -> " << other.ToString();
+      EXPECT_EQ(Text(found), it != all.end() ? Text({*it}) : "") << port.ToString();
+      EXPECT_EQ(s.GetConnection(s.FindByPath(port), s.FindByPath(other)).Value().GetValue(),
+                Lookup(m, port, other, GCF::NONE))
+          << port.ToString() << " -> " << other.ToString();
+    }
+  }
+}
+
+// Random edits of one system: `count` of them, then the end of the
+// modification, which checks both ends of every wire when the suite runs
+// with that check switched on.
+void Edit(Editor& editor, int count, const Ref<NodeSystemImpl>& gate, const Model& gateModel) {
+  for (int i = 0; i < count && !testing::Test::HasFatalFailure(); ++i) {
+    editor.RandomEdit(gate, gateModel);
+  }
+  Finish(editor.system);
+}
+
+Ref<NodeSystemImpl> BuildOperator(World& world, const OperatorShape& shape, Model*& model) {
+  Ref<NodeSystemImpl> s = NewSystem();
+  model = &world.NewModel(nullptr);
+  EXPECT_TRUE(s->BeginModification());
+  Editor editor{world, *s, *model};
+  for (std::string_view port : shape.ports) editor.AddPort(P(port));
+  for (const auto& [from, to, wires] : shape.wires)
+    EXPECT_TRUE(editor.Connect(P(from), P(to), wires));
+  Finish(*s);
+  return s;
+}
+
+class RandomGraphs : public testing::TestWithParam<uint32_t> {};
+
+TEST_P(RandomGraphs, QueriesMatchTheModel) {
+  // A far end that lacks the nested ports of a wire's near end is skipped
+  // quietly: no internal-error line.
+  CapturedOutput output;
+  World world(GetParam());
+  Model* adderModel = nullptr;
+  Model* gateModel = nullptr;
+  const Ref<NodeSystemImpl> adder = BuildOperator(world, Adder(), adderModel);
+  const Ref<NodeSystemImpl> gate = BuildOperator(world, Gate(), gateModel);
+  world.universe.clear();  // the operators' own paths aren't paths of the graphs
+
+  Ref<NodeSystemImpl> g = NewSystem();
+  Model& gm = world.NewModel(nullptr);
+  ASSERT_TRUE(g->BeginModification());
+  Editor editor{world, *g, gm};
+  for (const char* port : {"<r", "<r/x", "<r/y", "<s", ">q", ">q/x", ">u"}) editor.AddPort(P(port));
+  editor.AddNode("n1", adder, *adderModel);
+  editor.AddNode("n2", gate, *gateModel);
+  editor.AddNode("n3", adder, *adderModel);
+  Edit(editor, 100, gate, *gateModel);
+  Check(world, *g, gm, "system");
+
+  Ref<NodeSystemImpl> d1 = NodeSystemImpl::CreateDerived(g).Value();
+  Model& d1m = world.NewModel(&gm);
+  ASSERT_TRUE(d1->BeginModification());
+  Editor derived{world, *d1, d1m};
+  Edit(derived, 60, gate, *gateModel);
+  Check(world, *d1, d1m, "derived");
+
+  Ref<NodeSystemImpl> d2 = NodeSystemImpl::CreateDerived(d1).Value();
+  Model& d2m = world.NewModel(&d1m);
+  ASSERT_TRUE(d2->BeginModification());
+  Editor twice{world, *d2, d2m};
+  Edit(twice, 40, gate, *gateModel);
+  Check(world, *d2, d2m, "derived twice");
+  // What the derived systems changed stays out of their bases.
+  Check(world, *g, gm, "system again");
+  EXPECT_TRUE(output.Texts(OUTPUT_LEVEL::CRITICAL).empty());
+}
+
+INSTANTIATE_TEST_SUITE_P(Seeds, RandomGraphs,
+                         testing::Values(7u, 1234u, 4242u, 31337u, 65537u, 90210u));
+
+}  // namespace
+}  // namespace orvix::nodes::test

@@ -1,0 +1,99 @@
+#pragma once
+// Shared helpers of the connection tests: systems built with the public
+// edits, and the two small operators that the graphs are made of.
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <string_view>
+#include <tuple>
+#include <vector>
+
+#include "store/node_system_impl.h"
+
+namespace orvix::nodes::test {
+
+using GCF = GET_CONNECTIONS_FLAGS;
+using GFI = GNODE_FLAGS_IMPL;
+
+inline NodePath P(std::string_view text) {
+  return NodePath::Parse(text).Value();
+}
+
+template <typename T>
+std::string Message(const Result<T>& r) {
+  return r ? std::string("(ok)") : r.GetError().GetMessage();
+}
+
+// The path without its last `n` parts.
+inline NodePath Cut(const NodePath& path, size_t n) {
+  return path.Slice(0, NodePath::SliceCount(int64_t(path.GetCount() - n))).Value();
+}
+
+// A finalized empty system, made as an implementation so that others can
+// derive from it.
+inline Ref<NodeSystemImpl> NewSystem() {
+  Ref<NodeSystemImpl> system = MakeRef<NodeSystemImpl>();
+  Result<GNode> root = system->Init(CreateDefaultNodeSystemClass().Value());
+  EXPECT_TRUE(root) << Message(root);
+  return system;
+}
+
+// Adds each port of `paths`, parents before their nested ports.
+inline void AddPorts(NodeSystemImpl& s, std::initializer_list<std::string_view> paths) {
+  for (std::string_view text : paths) {
+    const NodePath path = P(text);
+    Result<GNode> port = s.AddPort(s.FindByPath(Cut(path, 1)), path.GetLastPart().GetString(),
+                                   GNODE_FLAGS::NONE, nullptr);
+    EXPECT_TRUE(port) << text << ": " << Message(port);
+  }
+}
+
+inline void Wire(NodeSystemImpl& s, std::string_view from, std::string_view to, uint64_t wires) {
+  Result<void> r = s.Connect(s.FindByPath(P(from)), s.FindByPath(P(to)), Wires(wires), nullptr);
+  EXPECT_TRUE(r) << from << " -> " << to << ": " << Message(r);
+}
+
+inline void Finish(NodeSystemImpl& s) {
+  Result<void> r = s.EndModification(nullptr, FINALIZE_FLAGS::CLEANUP);
+  ASSERT_TRUE(r) << Message(r);
+}
+
+// The content of a node: its ports, and wires between its own ports.
+struct OperatorShape {
+  std::vector<std::string_view> ports;
+  std::vector<std::tuple<std::string_view, std::string_view, uint64_t>> wires;
+};
+
+// Inputs a (with x, y) and b, output sum (with x); b passes to sum, a/x to
+// sum/x on channels 0 and 1, and sum feeds back into a on channel 3.
+inline const OperatorShape& Adder() {
+  static const OperatorShape shape{
+      {"<a", "<a/x", "<a/y", "<b", ">sum", ">sum/x"},
+      {{"<b", ">sum", 0x10}, {"<a/x", ">sum/x", 0x0808}, {">sum", "<a", 0x10000000}}};
+  return shape;
+}
+
+// Input i (with x), output o (with x, y); i passes to o on channel 0 and on
+// the inhibit channel 5.
+inline const OperatorShape& Gate() {
+  static const OperatorShape shape{{"<i", "<i/x", ">o", ">o/x", ">o/y"},
+                                   {{"<i", ">o", 0x100000000010}}};
+  return shape;
+}
+
+inline Ref<NodeSystemImpl> MakeOperator(const OperatorShape& shape) {
+  Ref<NodeSystemImpl> s = NewSystem();
+  EXPECT_TRUE(s->BeginModification());
+  for (std::string_view port : shape.ports) AddPorts(*s, {port});
+  for (const auto& [from, to, wires] : shape.wires) Wire(*s, from, to, wires);
+  Finish(*s);
+  return s;
+}
+
+inline void AddNode(NodeSystemImpl& s, std::string_view id, const Ref<NodeSystemImpl>& content) {
+  Result<GNode> node = s.AddChild(id, content, nullptr);
+  EXPECT_TRUE(node) << id << ": " << Message(node);
+}
+
+}  // namespace orvix::nodes::test

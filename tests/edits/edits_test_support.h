@@ -1,0 +1,162 @@
+#pragma once
+// Helpers of the edit tests: paths and messages, small finished systems to add
+// as nodes, systems opened for editing (plain, copied or derived), and reads
+// of what the edits store: the tree, the connection tables and the flags.
+
+#include <gtest/gtest.h>
+
+#include <initializer_list>
+#include <map>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "orvix/nodes/config_variables.h"
+#include "orvix/nodes/modification.h"
+#include "store/node_system_impl.h"
+
+namespace orvix::nodes::test {
+
+using GFI = GNODE_FLAGS_IMPL;
+
+inline NodePath P(std::string_view text) {
+  return NodePath::Parse(text).Value();
+}
+inline InternedId Id(std::string_view text) {
+  return InternedId::Get(text);
+}
+
+// The message of a failed result, "(ok)" for a success, so that a mismatch
+// shows what happened instead.
+template <typename T>
+std::string Message(const Result<T>& r) {
+  return r ? std::string("(ok)") : r.GetError().GetMessage();
+}
+
+// Every modification that a test finishes checks its wires from both ends.
+// The suite switches the check on itself rather than trusting the
+// environment to reach the variable before the library registers it.
+class WireCheckedTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    _saved = g_testGetConnections.Get();
+    g_testGetConnections.Set(true);
+  }
+  void TearDown() override { g_testGetConnections.Set(_saved); }
+
+ private:
+  bool _saved = false;
+};
+
+inline NodeSystemImpl& Impl(const MutableRoot& root) {
+  return static_cast<NodeSystemImpl&>(*root._system);
+}
+inline const NodeSystemImpl& Impl(const Ref<NodeSystem>& system) {
+  return static_cast<const NodeSystemImpl&>(*system);
+}
+
+inline Ref<NodeSystem> Finish(MutableRoot& root) {
+  Result<Ref<NodeSystem>> done = root.EndModification(nullptr, FINALIZE_FLAGS::CLEANUP);
+  EXPECT_TRUE(done) << Message(done);
+  if (!done) return Ref<NodeSystem>();
+  // The MutableRoot gives up its reference, so that the caller's is the only one.
+  root._system.Reset();
+  EXPECT_TRUE((*done)->IsFinalized());
+  return *done;
+}
+
+// An empty system of the default class, open for editing.
+inline MutableRoot OpenEmpty() {
+  return CreateDefaultNodeSystemClass().Value()->CreateNodeSystem().Value();
+}
+
+// A finished system opened again; it is copied if others hold it too.
+inline MutableRoot Open(Ref<NodeSystem> system) {
+  return BeginModification(system, false).Value();
+}
+
+// A system derived from the finished `base`, open for editing.
+inline MutableRoot OpenDerived(const Ref<NodeSystem>& base) {
+  Ref<NodeSystemImpl> b(static_cast<NodeSystemImpl*>(base.Get()));
+  Ref<NodeSystem> derived = NodeSystemImpl::CreateDerived(std::move(b)).Value();
+  return BeginModification(derived, false).Value();
+}
+
+// A finished system with the given top-level input and output ports.
+inline Ref<NodeSystem> MakeOperator(std::initializer_list<std::string_view> inputs,
+                                    std::initializer_list<std::string_view> outputs) {
+  MutableRoot root = OpenEmpty();
+  NodeSystem& s = *root._system;
+  GNode in = s.GetPortList(root._root, PORT_DIR::INPUT).Value();
+  GNode out = s.GetPortList(root._root, PORT_DIR::OUTPUT).Value();
+  for (std::string_view id : inputs) EXPECT_TRUE(s.AddPort(in, id, GNODE_FLAGS::NONE, nullptr));
+  for (std::string_view id : outputs) EXPECT_TRUE(s.AddPort(out, id, GNODE_FLAGS::NONE, nullptr));
+  return Finish(root);
+}
+
+// The record that `system` itself holds for `path`; null if it holds none.
+inline NodeInfo* OwnRecord(const NodeSystemImpl& system, std::string_view path) {
+  const GNode node = system.FindByPath(P(path));
+  return node.system == &system ? node.info : nullptr;
+}
+// The flags of that record; NONE if there is none.
+inline GFI OwnFlags(const NodeSystemImpl& system, std::string_view path) {
+  const NodeInfo* info = OwnRecord(system, path);
+  return info ? info->flags : GFI::NONE;
+}
+
+// The connection entries stored in `system`'s own record of `path`, keyed
+// "other>" for a target and "other<" for a source.
+inline std::map<std::string, ConnectionData> StoredAt(const NodeSystemImpl& system,
+                                                      std::string_view path) {
+  std::map<std::string, ConnectionData> entries;
+  if (const ConnectionTable* table = NodeSystemImpl::ConnectionTableOf(OwnRecord(system, path))) {
+    table->ForEach([&](const ConnectionKey& key, const ConnectionData& data) {
+      entries[key.other.ToString() + (key.IsOtherTarget() ? ">" : "<")] = data;
+      return true;
+    });
+  }
+  return entries;
+}
+
+// The present elements, by path, as the child walk finds them from the root.
+inline std::map<std::string, NODE_KIND> Tree(const NodeSystem& system) {
+  std::map<std::string, NODE_KIND> elements;
+  std::vector<GNode> pending{system.GetRoot()};
+  while (!pending.empty()) {
+    const GNode node = std::move(pending.back());
+    pending.pop_back();
+    EXPECT_TRUE(elements.emplace(node.path.ToString(), node.GetKind()).second) << node.ToString();
+    ChildIterator it;
+    for (Result<GNode> child = system.GetFirstChild(node, it);; child = system.GetNextChild(it)) {
+      EXPECT_TRUE(child) << Message(child);
+      if (!child || !*child) break;
+      pending.push_back(*child);
+    }
+  }
+  return elements;
+}
+
+// What a failed edit must leave as it was: the stamp, the marks, the tree and
+// every stored connection entry.
+struct Snapshot {
+  uint64_t stamp = 0;
+  GFI systemFlags = GFI::NONE;
+  std::map<std::string, NODE_KIND> tree;
+  std::vector<std::string> entries;
+  bool operator==(const Snapshot&) const = default;
+};
+
+inline Snapshot Take(const NodeSystemImpl& system) {
+  Snapshot s{system.GetModificationStamp(), system._systemFlags, Tree(system), {}};
+  for (const auto& [path, kind] : s.tree) {
+    if (!HasAny(kind, NODE_KIND::PORT_MASK)) continue;
+    for (const auto& [key, data] : StoredAt(system, path)) {
+      s.entries.push_back(path + " " + key + " " + data.ToString());
+    }
+  }
+  return s;
+}
+
+}  // namespace orvix::nodes::test
