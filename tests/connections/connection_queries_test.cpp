@@ -298,17 +298,23 @@ TEST(ConnectionQueries, ShortcutRecordsAndTheirValidityInADerivedSystem) {
   EXPECT_EQ(Query(*d, "<a", ALL, targets), std::vector<std::string>{});
 }
 
-TEST(ConnectionQueries, FilterShortcutsAskTheStageWithSourceFirst) {
+// A handler that notes each pair it is asked about and keeps it or not.
+class FilteringHandler : public NodeSystemDerivationHandlerBase {
+ public:
+  mutable std::vector<std::string> asked;
   bool keep = false;
-  std::vector<std::string> asked;
-  ValidationStages stages;
-  stages.filterShortcut = [&](const NodeSystemImpl&, const GNode& source,
-                              const GNode& target) -> Result<bool> {
+  bool FilterShortcut(const GNode& source, const GNode& target) const override {
     asked.push_back(source.path.ToString() + "|" + target.path.ToString());
     return keep;
-  };
+  }
+};
+
+TEST(ConnectionQueries, FilterShortcutsAskTheHandlerWithSourceFirst) {
+  Ref<FilteringHandler> handler = MakeRef<FilteringHandler>();
+  bool& keep = handler->keep;
+  std::vector<std::string>& asked = handler->asked;
   Ref<NodeSystemImpl> b = ShortcutSystem();
-  b->_stages = &stages;
+  ASSERT_TRUE(b->SetDerivationHandler(handler));
   Writable(*b, "<a")->flags |= GFI::FILTER_SHORTCUT_SOURCE;
   Writable(*b, ">z")->flags |= GFI::FILTER_SHORTCUT_TARGET;
   const GCF filtered = GCF::SHORTCUTS | GCF::FILTER_SHORTCUTS;
@@ -338,7 +344,6 @@ TEST(ConnectionQueries, FilterShortcutsAskTheStageWithSourceFirst) {
   EXPECT_EQ(Query(*b, "<a", ALL, GCF::TARGETS | filtered),
             (std::vector<std::string>{"to >z 0x20"}));
   EXPECT_EQ(asked.size(), 4u);
-  b->_stages = nullptr;
 }
 
 TEST(ConnectionQueries, ConnectionValuesAndTheDefaultOfIoNodes) {

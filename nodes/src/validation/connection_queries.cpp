@@ -404,13 +404,20 @@ Result<bool> ConnectionWalk::Accept(const Level& level, const NodeSystemImpl* ho
                        otherInfo->HasFlags(GFI::FILTER_SHORTCUT_TARGET)
                  : portInfo->HasFlags(GFI::FILTER_SHORTCUT_TARGET) &&
                        otherInfo->HasFlags(GFI::FILTER_SHORTCUT_SOURCE);
-    const ValidationStages* stages = _system._stages;
-    if (filterPair && stages && stages->filterShortcut) {
+    if (filterPair) {
+      // The handlers of both ports decide together, or not at all.
       GNode other(reported, reportedFound.info, reportedFound.system, 0);
       _system.Refresh(other);
-      ORVIX_TRY_ASSIGN(bool keep, isTarget ? stages->filterShortcut(_system, _port, other)
-                                           : stages->filterShortcut(_system, other, _port));
-      if (!keep) return false;
+      const GNode& source = isTarget ? _port : other;
+      const GNode& target = isTarget ? other : _port;
+      ORVIX_TRY_ASSIGN(Ref<NodeSystemDerivationHandler> sourceHandler,
+                       _system.GetNodeDerivationHandler(source.path));
+      ORVIX_TRY_ASSIGN(Ref<NodeSystemDerivationHandler> targetHandler,
+                       _system.GetNodeDerivationHandler(target.path));
+      if (sourceHandler.Get() == targetHandler.Get() &&
+          !sourceHandler->FilterShortcut(source, target)) {
+        return false;
+      }
     }
   }
 

@@ -43,12 +43,6 @@ struct ValidationStages {
   // attribute setup of its root.
   std::function<Result<void>(NodeSystemImpl& system)> initDerivedAttributes;
   std::function<Result<void>(NodeSystemImpl& system)> initRootAttributes;
-  // Whether a stored shortcut between a filter source and a filter target
-  // counts, as the derivation handler of both ports decides. Without it every
-  // stored shortcut counts.
-  std::function<Result<bool>(const NodeSystemImpl& system, const GNode& source,
-                             const GNode& target)>
-      filterShortcut;
   // The access rules of attribute derivation, applied while `_attribSetup`
   // is set: what may be read and written at which port. A read may be
   // answered by the rule itself (a computed attribute); nothing lets the
