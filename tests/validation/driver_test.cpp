@@ -16,7 +16,7 @@ TEST(ValidationQueue, LateEntriesRunRightAfterTheCurrentPort) {
     ValidationQueue queue(*s, descending, 10);
     // Relative keys 2, 5, 8 whichever the direction.
     for (uint64_t key : {8, 2, 5}) {
-      queue.PutAt(descending ? 9 - key : key, GNode(P("<k" + std::to_string(key))));
+      EXPECT_TRUE(queue.PutAt(descending ? 9 - key : key, GNode(P("<k" + std::to_string(key)))));
     }
     std::vector<std::string> order;
     auto key = [&](uint64_t k) { return descending ? 9 - k : k; };
@@ -24,11 +24,13 @@ TEST(ValidationQueue, LateEntriesRunRightAfterTheCurrentPort) {
       const std::string name = port.path.ToString();
       order.push_back(name);
       if (name == "<k5") {
-        queue.PutAt(key(1), GNode(P("<late1")));   // behind the sweep
-        queue.PutAt(key(5), GNode(P("<again5")));  // at it
-        queue.PutAt(key(7), GNode(P("<ahead7")));  // ahead: main entries
+        EXPECT_TRUE(queue.PutAt(key(1), GNode(P("<late1"))));   // behind the sweep
+        EXPECT_TRUE(queue.PutAt(key(5), GNode(P("<again5"))));  // at it
+        EXPECT_TRUE(queue.PutAt(key(7), GNode(P("<ahead7"))));  // ahead: main entries
       }
-      if (name == "<late1") queue.PutAt(key(0), GNode(P("<late0")));
+      if (name == "<late1") {
+        EXPECT_TRUE(queue.PutAt(key(0), GNode(P("<late0"))));
+      }
       return Ok();
     }));
     EXPECT_EQ(order, (std::vector<std::string>{"<k2", "<k5", "<late1", "<late0", "<again5",
@@ -40,12 +42,12 @@ TEST(ValidationQueue, LateEntriesRunRightAfterTheCurrentPort) {
 TEST(ValidationQueue, AStepErrorEndsProcessingAndDropsTheLateEntries) {
   Ref<NodeSystemImpl> s = NewSystem();
   ValidationQueue queue(*s, false, 4);
-  queue.PutAt(0, GNode(P("<a")));
-  queue.PutAt(3, GNode(P("<b")));
+  EXPECT_TRUE(queue.PutAt(0, GNode(P("<a"))));
+  EXPECT_TRUE(queue.PutAt(3, GNode(P("<b"))));
   int steps = 0;
   Result<void> r = queue.Process([&](GNode&) -> Result<void> {
     ++steps;
-    queue.PutAt(0, GNode(P("<c")));
+    EXPECT_TRUE(queue.PutAt(0, GNode(P("<c"))));
     return Error(ERROR_CLASS::UNEXPECTED, "stop");
   });
   EXPECT_EQ(Message(r), "stop");

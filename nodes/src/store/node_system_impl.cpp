@@ -67,6 +67,8 @@ void NodeSystemImpl::_FreeGarbage() noexcept {
 Result<Ref<NodeSystemImpl>> NodeSystemImpl::CreateDerived(Ref<NodeSystemImpl> base) {
   ORVIX_CHECK_ARGUMENT(base);
   ORVIX_TRY(CheckUsableSource(*base));
+  // Derived systems point into the base's records: it must not change again.
+  ORVIX_CHECK_STATE(base->IsFinalized() && !base->_mutable);
   ORVIX_TRY_ASSIGN(Ref<NodeSystemImpl> system, NewRef<NodeSystemImpl>());
   try {
     system->_bases.push_back(base);
@@ -175,6 +177,10 @@ Result<NodeInfo*> NodeSystemImpl::GetMutable(GNode& handle, NODE_KIND kind) {
   const uint64_t hash = path.GetHashCode();
   const NodePath::Block parts = path.ToBlock();
 
+  auto mismatch = [&](NODE_KIND found) {
+    return Error(ERROR_CLASS::ILLEGAL_ARGUMENT,
+                 FormatMessage("Mismatch of node kind: Expected @, found @.", kind, found));
+  };
   NodeMap::Entry* entry = map->FindInLayer(hash, parts);
   NodeInfo* info = nullptr;
   if (entry && entry->IsPublished()) {
@@ -209,6 +215,12 @@ Result<NodeInfo*> NodeSystemImpl::GetMutable(GNode& handle, NODE_KIND kind) {
       info->_nextModified = nullptr;
       created = true;
     }
+    // A record of the wrong kind is refused before anyone can see it.
+    if (kind != NODE_KIND::NONE && info->GetKind() != kind) {
+      const NODE_KIND found = info->GetKind();
+      NodeInfo::Free(info);
+      return mismatch(found);
+    }
     bool added = false;
     if (entry) {
       NodeInfo::Free(entry->info);
@@ -227,11 +239,7 @@ Result<NodeInfo*> NodeSystemImpl::GetMutable(GNode& handle, NODE_KIND kind) {
     if (created) ++_createdStamp;
   }
   ++_modificationStamp;
-  if (kind != NODE_KIND::NONE && info->GetKind() != kind) {
-    return Error(
-        ERROR_CLASS::ILLEGAL_ARGUMENT,
-        FormatMessage("Mismatch of node kind: Expected @, found @.", kind, info->GetKind()));
-  }
+  if (kind != NODE_KIND::NONE && info->GetKind() != kind) return mismatch(info->GetKind());
   handle.info = info;
   handle.system = this;
   handle.stamp = _movedStamp;

@@ -2,6 +2,8 @@
 
 #include "validation/validation_queue.h"
 
+#include <new>
+
 #include "orvix/host/diagnostics.h"
 #include "store/node_system_impl.h"
 
@@ -23,19 +25,23 @@ Result<void> ValidationQueue::Put(const GNode& port) {
     ReportInternalError();
     return ConditionError(CONDITION_KIND::ASSERTION, "_topology->GetIndex(port)");
   }
-  PutAt(*index, top);
-  return Ok();
+  return PutAt(*index, top);
 }
 
-void ValidationQueue::PutAt(uint64_t index, const GNode& port) {
+Result<void> ValidationQueue::PutAt(uint64_t index, const GNode& port) {
   const uint64_t key = RelativeKey(index);
-  if (_insertDuringRun && _lateEntries && key <= _current) {
-    // At or behind the sweep: processed right after the current port.
-    (*_lateEntries)[key] = port;
-    return;
+  try {
+    if (_insertDuringRun && _lateEntries && key <= _current) {
+      // At or behind the sweep: processed right after the current port.
+      (*_lateEntries)[key] = port;
+      return Ok();
+    }
+    _entries[key] = port;
+  } catch (const std::bad_alloc&) {
+    return OutOfMemoryError();
   }
-  _entries[key] = port;
   _dirty = true;
+  return Ok();
 }
 
 Result<void> ValidationQueue::Process(const Step& step) {

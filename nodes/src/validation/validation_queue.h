@@ -35,7 +35,7 @@ class ValidationQueue {
   // written and the result is an error.
   Result<void> Put(const GNode& port);
   // Queues under a topological index directly.
-  void PutAt(uint64_t index, const GNode& port);
+  Result<void> PutAt(uint64_t index, const GNode& port);
 
   // Runs `step` on every entry in key order, late entries included, until
   // the queue is through or a step fails. Entries stay in the queue.
