@@ -56,32 +56,37 @@ Result<void> NodeSystemImpl::SetModified(GNode& node, GNODE_FLAGS_IMPL bits) {
   if (bits == GFI::NONE) return Ok();
   // A record on a list is always one of this system's own.
   ORVIX_TRY_ASSIGN(NodeInfo * info, GetMutable(node, NODE_KIND::NONE));
-  _systemFlags |= bits;
   const GFI oldFlags = info->flags;
-  info->flags |= bits;
-  const bool changed = info->flags != oldFlags;
+  const bool changed = (oldFlags | bits) != oldFlags;
   const bool everyTouchCounts = (_validationMask & ToBits(GFI::INDUCED_DEPENDENCIES)) != 0;
-  if (!changed && !everyTouchCounts) return Ok();
 
+  // A nested port is listed at its top-level port: find that first, so that a
+  // failure leaves no bits behind that no list knows of.
+  const bool nestedPort = info->AsPort() && !node.path.IsTopLevelPort();
+  NodeInfo* topInfo = nullptr;
+  if (nestedPort && changed) {
+    ORVIX_TRY_ASSIGN(NodePath topPath, node.path.GetTopLevelPort());
+    GNode top = MakeResolvedHandle(topPath);
+    auto missing = [&] {
+      return Error(ERROR_CLASS::ILLEGAL_STATE,
+                   FormatMessage("The path @ doesn't exist in this node system.", topPath));
+    };
+    if (!top) return missing();
+    ORVIX_TRY_ASSIGN(topInfo, GetMutable(top, NODE_KIND::NONE));
+    if (!topInfo->AsPort()) return missing();
+  }
+
+  _systemFlags |= bits;
+  info->flags |= bits;
+  if (!changed && !everyTouchCounts) return Ok();
   if (!info->AsPort()) {
     _LinkModified(info);
     return Ok();
   }
-  if (node.path.IsTopLevelPort()) {
+  if (!nestedPort) {
     if (changed) _LinkModified(info);
   } else if (changed) {
-    ORVIX_TRY_ASSIGN(NodePath topPath, node.path.GetTopLevelPort());
-    GNode top = MakeResolvedHandle(topPath);
-    if (!top) {
-      return Error(ERROR_CLASS::ILLEGAL_STATE,
-                   FormatMessage("The path @ doesn't exist in this node system.", topPath));
-    }
-    ORVIX_TRY_ASSIGN(NodeInfo * topInfo, GetMutable(top, NODE_KIND::NONE));
     PortRecord* topPort = topInfo->AsPort();
-    if (!topPort) {
-      return Error(ERROR_CLASS::ILLEGAL_STATE,
-                   FormatMessage("The path @ doesn't exist in this node system.", topPath));
-    }
     _LinkModified(topInfo);
     const GFI nested = NestedModifiedBits(bits);
     topInfo->flags |= nested;
