@@ -54,8 +54,12 @@ Result<void> RegisterClass(ClassInfo info) {
 
 void UnregisterClass(std::string_view id) {
   ObjectSystem& system = TheObjectSystem();
+  ClassInfo gone;  // destroyed after the lock is released
   std::unique_lock lock(system.mutex);
-  if (auto it = system.classes.find(id); it != system.classes.end()) system.classes.erase(it);
+  if (auto it = system.classes.find(id); it != system.classes.end()) {
+    gone = std::move(it->second);
+    system.classes.erase(it);
+  }
 }
 
 bool IsClassRegistered(std::string_view id) {
@@ -144,10 +148,14 @@ Result<void> RegisterEntry(std::string_view registry, InternedId id, Data value)
 
 void UnregisterEntry(std::string_view registry, InternedId id) {
   ObjectSystem& system = TheObjectSystem();
+  Data gone;  // destroyed after the lock is released: it may hold an object
   std::unique_lock lock(system.mutex);
   const auto it = system.registries.find(registry);
   if (it == system.registries.end()) return;
-  it->second.erase(id);
+  if (auto entry = it->second.find(id); entry != it->second.end()) {
+    gone = std::move(entry->second);
+    it->second.erase(entry);
+  }
   if (it->second.empty()) system.registries.erase(it);
 }
 

@@ -183,7 +183,16 @@ TEST(Classes, TheDefaultClassAnswersAttributesFromTheRegistry) {
   EXPECT_EQ(cls->GetTypeConversionFlags(GetDataType<int64_t>(), GetDataType<double>()).Value(),
             0x400u);
   EXPECT_EQ(cls->ConvertValue(GetDataType<double>(), Data(int64_t{3})).Value(), Data(3.0));
+  EXPECT_EQ(cls->ConvertValue(GetDataType<int64_t>(), Data()).Value(), Data(int64_t{0}));
+  EXPECT_EQ(cls->ConvertValue(GetDataType<int32_t>(), Data(1e300)).Value(), Data(INT32_MAX));
   EXPECT_EQ(Message(cls->ConvertValue(nullptr, Data(int64_t{3}))), "Null object.");
+  // A type that stands for a host number keeps its own name.
+  DataTypeInfo info;
+  info.id = "net.orvix.test.classes.level";
+  info.storage = DATA_STORAGE::INT32;
+  info.size = 4;
+  const DataType* level = RegisterDataType(info).Value();
+  EXPECT_EQ(cls->ConvertValue(level, Data(int64_t{2})).Value().GetType(), level);
 }
 
 TEST(Classes, HandlersOfTheSystemAndOfItsNodes) {
@@ -196,6 +205,10 @@ TEST(Classes, HandlersOfTheSystemAndOfItsNodes) {
             "Illegal argument: Condition handler not fulfilled. ");
   Ref<NodeSystem> content =
       contentRoot.EndModification(nullptr, FINALIZE_FLAGS::CLEANUP).Value();
+  // A finished system that others hold is read without locks: no new handler.
+  EXPECT_EQ(Message(content->SetDerivationHandler(own)),
+            "More than one reference to node system .");
+  contentRoot._system.Reset();
 
   MutableRoot root = cls->CreateNodeSystem().Value();
   NodeSystem& s = *root._system;

@@ -488,5 +488,30 @@ TEST_F(StructuralEdits, AWireToAMissingNestedPortIsNoInternalError) {
   EXPECT_FALSE(output.Contains(INTERNAL_ERROR_TEXT));
 }
 
+// A walk over children goes on across edits: it finds its place again after
+// the child reported last, even when that child is gone, and reads no freed
+// record (this runs under the address sanitizer too).
+TEST(ChildWalk, GoesOnAfterEditsBetweenSteps) {
+  Ref<NodeSystemClass> cls = CreateDefaultNodeSystemClass().Value();
+  MutableRoot root = cls->CreateNodeSystem().Value();
+  NodeSystem& s = *root._system;
+  const GNode inputs = s.GetPortList(root._root, PORT_DIR::INPUT).Value();
+  for (std::string_view id : {"a", "b", "c", "d", "e"}) {
+    ASSERT_TRUE(s.AddPort(inputs, id, GNODE_FLAGS::NONE, nullptr));
+  }
+  ChildIterator it;
+  std::vector<std::string> seen;
+  for (GNode child = s.GetFirstChild(inputs, it).Value(); child;
+       child = s.GetNextChild(it).Value()) {
+    seen.push_back(child.path.ToString());
+    if (seen.size() == 2) {
+      ASSERT_TRUE(s.Remove(s.FindByPath(NodePath::Parse("<b").Value()), nullptr));
+      ASSERT_TRUE(s.Remove(s.FindByPath(NodePath::Parse("<d").Value()), nullptr));
+      ASSERT_TRUE(s.AddPort(inputs, "f", GNODE_FLAGS::NONE, nullptr));
+    }
+  }
+  EXPECT_EQ(seen, (std::vector<std::string>{"<a", "<b", "<c", "<e", "<f"}));
+}
+
 }  // namespace
 }  // namespace orvix::nodes::test

@@ -119,7 +119,10 @@ Result<const Data*> NodeSystemImpl::GetValue(const GNode& node, InternedId id,
   ORVIX_TRY(Resolve(handle));
   if (_attribSetup && _stages && _stages->readRule) {
     ORVIX_TRY_ASSIGN(std::optional<const Data*> ruled, _stages->readRule(*this, handle, id));
-    if (ruled) return *ruled ? *ruled : &EmptyData();
+    if (ruled) {
+      if (prefixCount) *prefixCount = 0;
+      return *ruled ? *ruled : &EmptyData();
+    }
   }
   ValueHolder holder;
   const Data* value = GetStoredValue(handle.info, handle.system, id, false, &holder);
@@ -263,6 +266,22 @@ Ref<DerivedAttribute> NodeSystemImpl::_DerivedAttribute(InternedId id) const {
   return Ref<DerivedAttribute>(dynamic_cast<DerivedAttribute*>(attribute.Get()));
 }
 
+Result<AttributeRecord*> NodeSystemImpl::_RefindRecord(NodeInfo* info, InternedId id,
+                                                       ATTRIBUTE_FLAGS flags) {
+  ORVIX_TRY(_PrepareTable(info));
+  try {
+    bool inserted = false;
+    AttributeRecord* record = &info->attributes->records.FindOrInsert(id, &inserted);
+    if (inserted) {
+      record->derivedStamp = HasDirectAndTransient(flags) ? AttributeRecord::NOT_DERIVED_ALT
+                                                          : AttributeRecord::NOT_DERIVED;
+    }
+    return record;
+  } catch (const std::bad_alloc&) {
+    return OutOfMemoryError();
+  }
+}
+
 Result<AttributeTable*> NodeSystemImpl::_PrepareTable(NodeInfo* info) {
   try {
     if (!info->attributes) {
@@ -400,7 +419,9 @@ Result<bool> NodeSystemImpl::SetValue(const GNode& node, InternedId id, Data val
   auto takeBack = [&] {
     if (inserted) info->attributes->records.Erase(id);
   };
-  const Data& old = below ? *below : attribute->value;
+  // A copy: the class may write values of this element, which can move the
+  // table that the record lives in.
+  const Data old = below ? *below : attribute->value;
   Result<uint64_t> told = _class ? _class->AttributeChanged(*this, handle, id, flags, value, old)
                                  : Result<uint64_t>(uint64_t{0});
   if (!told) {
@@ -413,8 +434,9 @@ Result<bool> NodeSystemImpl::SetValue(const GNode& node, InternedId id, Data val
     takeBack();
     return ChangeListWithDerived();
   }
-  // The class may have written values of this element: find the record again.
-  attribute = info->attributes->records.FindForWriting(id);
+  // The class may have written values of this element, even this one: find
+  // the record again, or make it again.
+  ORVIX_TRY_ASSIGN(attribute, _RefindRecord(info, id, flags));
   attribute->value = std::move(value);
   if (direct) ORVIX_TRY(NoteValueChanged(handle, id, flags, derived.Get(), info, attribute));
   return true;
@@ -538,7 +560,7 @@ Result<bool> NodeSystemImpl::EraseValue(const GNode& node, InternedId id, Change
   }
   if (*told & ToBits(MODIFIED::SPECIAL0)) _special0Stamp = _modificationStamp;
   if (*told & ToBits(MODIFIED::SPECIAL1)) _special1Stamp = _modificationStamp;
-  attribute = info->attributes->records.FindForWriting(id);
+  ORVIX_TRY_ASSIGN(attribute, _RefindRecord(info, id, flags));
   attribute->value = Data();
   ORVIX_TRY(NoteValueChanged(handle, id, flags, derived.Get(), info, attribute));
   return true;

@@ -4,6 +4,11 @@
 
 #include "orvix/nodes/node_system_class_impl.h"
 
+#include <algorithm>
+#include <cstdint>
+#include <optional>
+#include <utility>
+
 #include "orvix/host/diagnostics.h"
 #include "orvix/host/error.h"
 #include "orvix/host/format.h"
@@ -31,15 +36,44 @@ bool IsNumber(DATA_STORAGE storage) {
   }
 }
 
-// The number in `value` as a double and as an integer; nothing for other
-// storages.
+// The number in `value` as a double and as an integer (clamped, NaN as 0);
+// nothing for other storages.
 std::optional<std::pair<double, int64_t>> NumberOf(const Data& value) {
   if (auto b = value.Get<bool>()) return std::pair{*b ? 1.0 : 0.0, int64_t(*b)};
   if (auto i = value.Get<int32_t>()) return std::pair{double(*i), int64_t(*i)};
   if (auto i = value.Get<int64_t>()) return std::pair{double(*i), *i};
-  if (auto u = value.Get<uint64_t>()) return std::pair{double(*u), int64_t(*u)};
-  if (auto d = value.Get<double>()) return std::pair{*d, int64_t(*d)};
+  if (auto u = value.Get<uint64_t>()) {
+    return std::pair{double(*u), int64_t(std::min<uint64_t>(*u, INT64_MAX))};
+  }
+  if (auto d = value.Get<double>()) {
+    const double x = *d;
+    int64_t i = 0;
+    if (x >= 9.2e18) {
+      i = INT64_MAX;
+    } else if (x <= -9.2e18) {
+      i = INT64_MIN;
+    } else if (x == x) {
+      i = int64_t(x);
+    }
+    return std::pair{x, i};
+  }
   return std::nullopt;
+}
+
+// A number of the host's own type for `storage`.
+Data NumberAs(DATA_STORAGE storage, const std::pair<double, int64_t>& number) {
+  switch (storage) {
+    case DATA_STORAGE::BOOL:
+      return Data(number.first != 0.0);
+    case DATA_STORAGE::INT32:
+      return Data(int32_t(std::clamp<int64_t>(number.second, INT32_MIN, INT32_MAX)));
+    case DATA_STORAGE::INT64:
+      return Data(number.second);
+    case DATA_STORAGE::UINT64:
+      return Data(uint64_t(std::max<int64_t>(number.second, 0)));
+    default:
+      return Data(number.first);
+  }
 }
 }  // namespace
 
@@ -97,21 +131,18 @@ Result<uint32_t> NodeSystemClassImpl::GetTypeConversionFlags(const DataType* fro
 Result<Data> NodeSystemClassImpl::ConvertValue(const DataType* type, const Data& value) const {
   if (!type) return NullObject();
   if (value.GetType() == type) return value;
-  if (value.IsEmpty()) return Data();
-  const std::optional<std::pair<double, int64_t>> number = NumberOf(value);
+  // Numbers convert among themselves; a type that stands for a host type (an
+  // enumeration over an integer) takes the converted value under its own name.
+  std::optional<std::pair<double, int64_t>> number = NumberOf(value);
+  if (value.IsEmpty() && IsNumber(type->GetStorage())) number.emplace(0.0, 0);
   if (number && IsNumber(type->GetStorage())) {
-    switch (type->GetStorage()) {
-      case DATA_STORAGE::BOOL:
-        return Data(number->first != 0.0);
-      case DATA_STORAGE::INT32:
-        return Data(int32_t(number->second));
-      case DATA_STORAGE::INT64:
-        return Data(number->second);
-      case DATA_STORAGE::UINT64:
-        return Data(uint64_t(number->second));
-      default:
-        return Data(number->first);
-    }
+    const Data converted = NumberAs(type->GetStorage(), *number);
+    if (converted.GetType() == type) return converted;
+    return converted.WithType(type);
+  }
+  if (value.IsEmpty()) return Data();
+  if (value.GetType() && value.GetType()->GetStorage() == type->GetStorage()) {
+    return value.WithType(type);
   }
   return Error(ERROR_CLASS::ILLEGAL_ARGUMENT,
                FormatMessage("Can't convert a value of type @ to @.", value.GetType(), type));

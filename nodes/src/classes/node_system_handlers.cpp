@@ -28,6 +28,8 @@ Ref<NodeSystemDerivationHandler> NodeSystemImpl::GetDerivationHandler() const {
 
 Result<void> NodeSystemImpl::SetDerivationHandler(Ref<NodeSystemDerivationHandler> handler) {
   if (!handler) return ConditionError(CONDITION_KIND::ILLEGAL_ARGUMENT, "handler");
+  // A shared system is read by other threads without locks.
+  ORVIX_TRY(CheckModification(false));
   _derivationHandler = std::move(handler);
   return Ok();
 }

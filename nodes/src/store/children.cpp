@@ -16,6 +16,7 @@ void NodeSystemImpl::StartChildren(ChildIterator& iterator, const GNode& parent)
   iterator.own = parent.info;
   iterator.current = parent.info;
   iterator.index = 0;
+  iterator.depth = 0;
 }
 
 InternedId NodeSystemImpl::NextChildId(ChildIterator& iterator) const {
@@ -37,6 +38,7 @@ InternedId NodeSystemImpl::NextChildId(ChildIterator& iterator) const {
     }
     iterator.current = iterator.current->base;
     iterator.index = 0;
+    ++iterator.depth;
   }
   return InternedId();
 }
@@ -45,13 +47,47 @@ Result<GNode> NodeSystemImpl::GetFirstChild(const GNode& node, ChildIterator& it
   GNode parent = node;
   ORVIX_TRY(Resolve(parent));
   StartChildren(iterator, parent);
+  iterator.system = this;
+  iterator.movedStamp = _movedStamp;
+  iterator.createdStamp = _createdStamp;
+  iterator.last = InternedId();
   return GetNextChild(iterator);
 }
 
 Result<GNode> NodeSystemImpl::GetNextChild(ChildIterator& iterator) const {
+  ORVIX_CHECK_ARGUMENT(iterator.system == this);
+  if (iterator.movedStamp != _movedStamp || iterator.createdStamp != _createdStamp) {
+    // An edit since the last step may have freed or replaced the records the
+    // walk points into: start again from the parent, and go on after the
+    // child reported last.
+    GNode parent = iterator.parent;
+    Refresh(parent);
+    if (!parent.info) return GNode();
+    const InternedId last = iterator.last;
+    const size_t depth = iterator.depth;
+    StartChildren(iterator, parent);
+    iterator.movedStamp = _movedStamp;
+    iterator.createdStamp = _createdStamp;
+    iterator.last = last;
+    if (last.IsPopulated()) {
+      // The same table of the chain, just after the last id: the tables are
+      // kept in id order, and the last child may be gone by now.
+      for (; iterator.current && iterator.depth < depth; ++iterator.depth) {
+        iterator.current = iterator.current->base;
+      }
+      if (iterator.current) {
+        const SortedTable<ChildRecord>& table = iterator.current->children;
+        while (iterator.index < table.GetCount() &&
+               InternedId::CompareText(table[iterator.index].id, last) <= 0) {
+          ++iterator.index;
+        }
+      }
+    }
+  }
   for (;;) {
     const InternedId id = NextChildId(iterator);
     if (id.IsNull()) return GNode();
+    iterator.last = id;
     ORVIX_TRY_ASSIGN(NodePath path, iterator.parent.path.Append(id));
     const FoundNode found = FindNode(path, NODE_KIND::ALL_MASK, false);
     // A child record without its element breaks the store's invariant; the

@@ -320,6 +320,9 @@ void NodeSystemImpl::NoteRemoval() noexcept {
 
 Result<void> NodeSystemImpl::Compact() {
   if (!_nodes || _nodes->GetDepth() < COMPACT_DEPTH) return Ok();
+  // Values handed out during a modification may point into records of the
+  // lower layers, which compaction frees: it waits until the bracket closes.
+  if (_mutable) return Ok();
   // Systems derived from this one point into its records; only a system that
   // nobody else holds may let its old layers go.
   if (!HasSingleOwner()) return Ok();

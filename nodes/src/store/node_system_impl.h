@@ -459,6 +459,9 @@ class NodeSystemImpl final : public NodeSystem {
   // copy if values of it may have been handed out (the old table is kept
   // alive until the modification ends).
   Result<AttributeTable*> _PrepareTable(NodeInfo* info);
+  // The record of `id` in `info`'s own table after a call that may have
+  // changed the table; made again if the call took it away.
+  Result<AttributeRecord*> _RefindRecord(NodeInfo* info, InternedId id, ATTRIBUTE_FLAGS flags);
   // The flags and derived attribute of `id` by the class.
   ATTRIBUTE_FLAGS _AttributeFlags(InternedId id) const;
   Ref<DerivedAttribute> _DerivedAttribute(InternedId id) const;

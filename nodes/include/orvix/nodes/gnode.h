@@ -15,6 +15,7 @@
 
 #include "orvix/graph/node_kind.h"
 #include "orvix/graph/node_path.h"
+#include "orvix/host/interned_id.h"
 #include "orvix/host/ref.h"
 #include "orvix/host/result.h"
 
@@ -50,13 +51,24 @@ struct GNode {
 
 // The state of a walk over the children of an element: GetFirstChild starts
 // it, GetNextChild moves it on. The walk reads the element's record and its
-// base chain; it stays valid while the system isn't modified.
+// base chain. An edit between two steps is noticed by the system's stamps:
+// the walk finds its place again from the parent, just after the child
+// reported last, so that no freed record is read and no child is reported
+// twice.
 struct ChildIterator {
   GNode parent;
   // The element's own record, and the record whose child table is walked.
   const NodeInfo* own = nullptr;
   const NodeInfo* current = nullptr;
   size_t index = 0;
+  // How many base hops `current` lies below `own`.
+  size_t depth = 0;
+  // The system walked, its stamps when the walk last looked, and the child
+  // reported last.
+  const NodeSystem* system = nullptr;
+  uint64_t movedStamp = 0;
+  uint64_t createdStamp = 0;
+  InternedId last;
 };
 
 // A system under modification, with the handle of its root: what creating a

@@ -1,0 +1,101 @@
+// Writes that the class makes while it is told of a change, and values handed
+// out across compaction: the cases in which a write could pull the table from
+// under a reader.
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "orvix/nodes/modification.h"
+#include "orvix/nodes/node_system_class_impl.h"
+#include "store/node_system_impl.h"
+
+namespace orvix::nodes::test {
+namespace {
+
+NodePath Path(std::string_view text) {
+  return NodePath::Parse(text).Value();
+}
+InternedId Key(std::string_view text) {
+  return InternedId::Get(text);
+}
+
+// A class that writes values of the same element while it is told.
+class WritingClass : public NodeSystemClassImpl {
+ public:
+  enum class MODE { NONE, RESET_SAME, GROW_TABLE };
+  MODE mode = MODE::NONE;
+  Data oldSeen;
+  Result<uint64_t> AttributeChanged(NodeSystem& system, const GNode& node, InternedId id,
+                                    ATTRIBUTE_FLAGS flags, const Data& newValue,
+                                    const Data& oldValue) override {
+    const MODE m = std::exchange(mode, MODE::NONE);
+    if (m == MODE::RESET_SAME) ORVIX_TRY(system.ResetValue(node, id, nullptr));
+    if (m == MODE::GROW_TABLE) {
+      for (int i = 0; i < 8; ++i) {
+        ORVIX_TRY(system.SetValue(node, Key("other" + std::to_string(i)), Data(int64_t{i}),
+                                  nullptr));
+      }
+      oldSeen = oldValue;
+    }
+    return NodeSystemClassImpl::AttributeChanged(system, node, id, flags, newValue, oldValue);
+  }
+};
+
+TEST(ClassWrites, TheOldValueOutlivesTheClassesOwnWritesAndARemovedRecordComesBack) {
+  Ref<WritingClass> cls = MakeRef<WritingClass>();
+  MutableRoot root = cls->CreateNodeSystem().Value();
+  NodeSystem& s = *root._system;
+  const GNode x = s.AddPort(s.FindByPath(Path("<")), "x", GNODE_FLAGS::NONE, nullptr).Value();
+  const std::string long_(100, 'a');
+  ASSERT_TRUE(s.SetValue(x, Key("label"), Data(long_), nullptr));
+
+  cls->mode = WritingClass::MODE::GROW_TABLE;
+  ASSERT_TRUE(s.SetValue(x, Key("label"), Data("new"), nullptr).Value());
+  EXPECT_EQ(cls->oldSeen, Data(long_));
+  EXPECT_EQ(*s.GetValue(x, Key("label")).Value(), Data("new"));
+
+  // The class takes the record away; the write still lands.
+  cls->mode = WritingClass::MODE::RESET_SAME;
+  ASSERT_TRUE(s.SetValue(x, Key("label"), Data("two"), nullptr).Value());
+  EXPECT_EQ(*s.GetValue(x, Key("label")).Value(), Data("two"));
+  cls->mode = WritingClass::MODE::RESET_SAME;
+  ASSERT_TRUE(s.EraseValue(x, Key("label"), nullptr).Value());
+  EXPECT_TRUE(s.GetValue(x, Key("label")).Value()->IsEmpty());
+}
+
+TEST(ClassWrites, CompactWaitsUntilTheModificationEnds) {
+  Ref<NodeSystemClass> cls = CreateDefaultNodeSystemClass().Value();
+  MutableRoot first = cls->CreateNodeSystem().Value();
+  const GNode inputs = first._system->FindByPath(Path("<"));
+  ASSERT_TRUE(first._system->AddPort(inputs, "x", GNODE_FLAGS::NONE, nullptr));
+  ASSERT_TRUE(first._system->AddPort(inputs, "y", GNODE_FLAGS::NONE, nullptr));
+  ASSERT_TRUE(first._system->SetValue(first._system->FindByPath(Path("<y")), Key("label"),
+                                      Data(std::string(100, 'y')), nullptr));
+  Ref<NodeSystem> system = first.EndModification(nullptr, FINALIZE_FLAGS::CLEANUP).Value();
+  first._system.Reset();
+  // Each round writes on a copy of a shared system: one more layer.
+  for (int round = 0; round < 7; ++round) {
+    Ref<NodeSystem> keep = system;
+    MutableRoot edit = BeginModification(system, false).Value();
+    ASSERT_TRUE(edit._system->SetValue(edit._system->FindByPath(Path("<x")), Key("n"),
+                                       Data(int64_t{round}), nullptr));
+    keep.Reset();
+    NodeSystemImpl& s = static_cast<NodeSystemImpl&>(*edit._system);
+    if (round == 6) {
+      ASSERT_GE(s.GetDepth(), NodeSystemImpl::COMPACT_DEPTH);
+      const Data* held = s.GetValue(s.FindByPath(Path("<y")), Key("label")).Value();
+      ASSERT_TRUE(s.Compact());
+      EXPECT_EQ(*held, Data(std::string(100, 'y')));
+      EXPECT_GE(s.GetDepth(), NodeSystemImpl::COMPACT_DEPTH);
+    }
+    system = edit.EndModification(nullptr, FINALIZE_FLAGS::CLEANUP).Value();
+    edit._system.Reset();
+  }
+  NodeSystemImpl& done = static_cast<NodeSystemImpl&>(*system);
+  ASSERT_TRUE(done.Compact());
+  EXPECT_EQ(done.GetDepth(), 1u);
+}
+
+}  // namespace
+}  // namespace orvix::nodes::test
