@@ -488,6 +488,22 @@ TEST_F(StructuralEdits, AWireToAMissingNestedPortIsNoInternalError) {
   EXPECT_FALSE(output.Contains(INTERNAL_ERROR_TEXT));
 }
 
+// A node removed with its wires moves the connection stamps of the ports
+// at the other ends, so that a reader comparing stamps sees the lost wire.
+TEST_F(StructuralEdits, RemovingANodeMovesTheConnectionStampsOfTheOtherEnds) {
+  MutableRoot root = Open(MakeGraph());
+  NodeSystemImpl& s = Impl(root);
+  const GNode out = s.FindByPath(P("n1>o"));
+  const GNode in = s.FindByPath(P("<r"));
+  const uint64_t before = s.GetModificationStamp();
+  ASSERT_TRUE(s.Connect(in, s.FindByPath(P("n2<a")), Wires(0x10), nullptr));
+  const uint64_t connected = s.GetModificationStamp();
+  ASSERT_TRUE(s.Remove(s.FindByPath(P("n2")), nullptr));
+  EXPECT_GT(s.GetConnectionStamp(out, PORT_DIR::OUTPUT).Value(), connected);
+  EXPECT_GT(s.GetConnectionStamp(in, PORT_DIR::OUTPUT).Value(), connected);
+  EXPECT_TRUE(HasAny(s.GetModifications(before), MODIFIED::CONNECTION_MASK));
+}
+
 // A walk over children goes on across edits: it finds its place again after
 // the child reported last, even when that child is gone, and reads no freed
 // record (this runs under the address sanitizer too).

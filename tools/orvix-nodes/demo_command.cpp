@@ -1,12 +1,17 @@
-// orvix-nodes demo [--port PATH]: builds a small graph through the public
-// operations of NodeSystem and shows what the system makes of it: the tree,
-// the wires, and the effective connections of one port, in the graph and in
-// a copy of it.
+// orvix-nodes demo [--port PATH]: the road a client of the node core takes,
+// through the published operations only. It loads the module, gets the class
+// by its registered id, makes two operators, builds a graph on them with
+// values on nodes and ports, edits a copy of the graph, reads values through
+// the bases, and asks for the effective connections of one port.
 //
 // Everything shown is read back through the published queries rather than
 // taken from the list of edits, so the output is a check of the store as much
-// as an illustration.
+// as an illustration. The demo fails if the copy's edits reach the original.
 
+#include <algorithm>
+#include <cstdint>
+#include <initializer_list>
+#include <memory>
 #include <ostream>
 #include <string>
 #include <string_view>
@@ -18,11 +23,15 @@
 #include "orvix/graph/node_kind.h"
 #include "orvix/graph/node_path.h"
 #include "orvix/graph/wires.h"
+#include "orvix/host/data.h"
 #include "orvix/host/error.h"
 #include "orvix/host/format.h"
+#include "orvix/host/interned_id.h"
+#include "orvix/host/object_system.h"
 #include "orvix/host/result.h"
 #include "orvix/nodes/gnode.h"
 #include "orvix/nodes/modification.h"
+#include "orvix/nodes/module.h"
 #include "orvix/nodes/node_system.h"
 #include "orvix/nodes/node_system_class.h"
 #include "tool.h"
@@ -33,6 +42,7 @@ namespace {
 
 using nodes::FINALIZE_FLAGS;
 using nodes::GNode;
+using nodes::MODIFIED;
 using nodes::MutableRoot;
 using nodes::NodeSystem;
 using nodes::NodeSystemClass;
@@ -41,6 +51,13 @@ using Json = nlohmann::ordered_json;
 // The port shown when none is asked for: a child's input whose nested port
 // sees the implicit wire.
 constexpr std::string_view DEFAULT_PORT = "n1<a";
+
+constexpr std::string_view LABEL = "label";
+constexpr std::string_view DEFAULT = "default";
+
+InternedId Id(std::string_view text) {
+  return InternedId::Get(text);
+}
 
 // Ordinary wires on one channel.
 Wires Normal(uint32_t channel) {
@@ -64,27 +81,110 @@ std::string Shown(const NodePath& path) {
   return path.IsEmpty() ? std::string("(root)") : path.ToString();
 }
 
+// A value for the JSON document: numbers and strings as themselves, null for
+// none, anything else in its text form.
+Json ValueJson(const Data* value) {
+  if (!value || !value->GetType()) return nullptr;
+  if (const auto* i = value->GetPtr<int64_t>()) return *i;
+  if (const auto* f = value->GetPtr<double>()) return *f;
+  if (const auto* s = value->GetPtr<std::string>()) return *s;
+  return value->ToString();
+}
+
+std::string ValueText(const Data* value) {
+  return value && value->GetType() ? value->ToString() : std::string("(none)");
+}
+
+// One value as a reader sees it, with the prefix that tells where it was
+// found: 0 for the element's own path, more when the read crossed into the
+// node's base.
+Result<Json> ReadValue(const NodeSystem& s, std::string_view path, std::string_view id) {
+  ORVIX_TRY_ASSIGN(NodePath parsed, NodePath::Parse(path));
+  const GNode node = s.FindByPath(parsed);
+  Json reading = {{"path", path}, {"id", id}};
+  if (!node) {
+    reading.update({{"value", nullptr}, {"text", "(no element)"}, {"prefix", nullptr}});
+    return reading;
+  }
+  int64_t prefix = 0;
+  ORVIX_TRY_ASSIGN(const Data* value, s.GetValue(node, Id(id), &prefix, false));
+  reading.update({{"value", ValueJson(value)}, {"text", ValueText(value)}, {"prefix", prefix}});
+  return reading;
+}
+
+// --- Step 1: the module, the class, the operators.
+
+// The demo's own load of the module, undone when the demo ends. Loads count,
+// so a module that someone else loaded stays, and `run` may call the demo
+// again. Declared before any system, so that it goes last.
+struct LoadedModule {
+  bool loaded = false;
+  ~LoadedModule() {
+    if (loaded) nodes::UnloadNodesModule();
+  }
+};
+
+// The class object a client starts from, created by its registered id.
+Result<Ref<NodeSystemClass>> ClassById(std::string_view id) {
+  ORVIX_TRY_ASSIGN(Ref<RefCounted> object, CreateObject(id));
+  Ref<NodeSystemClass> cls = DynamicRefCast<NodeSystemClass>(object);
+  if (!cls) return DemoError(FormatMessage("Class @ is not a node system class.", id));
+  return cls;
+}
+
+struct Input {
+  std::string_view id;
+  int64_t fallback;
+};
+
 struct Operator {
   std::string_view name;
-  std::vector<std::string_view> inputs;
+  std::vector<Input> inputs;
   std::vector<std::string_view> outputs;
   Ref<NodeSystem> system;
 };
 
-// A finished system with nothing but ports: what a node of that kind
-// computes is no business of the store.
+// A finished system with nothing but ports, a label and a default on each
+// input: what a node of that kind computes is no business of the store.
 Result<Ref<NodeSystem>> MakeOperator(NodeSystemClass& cls, const Operator& op) {
   ORVIX_TRY_ASSIGN(MutableRoot root, cls.CreateNodeSystem());
   NodeSystem& s = *root._system;
+  ORVIX_TRY(s.SetValue(root._root, Id(LABEL), Data(op.name), nullptr));
   ORVIX_TRY_ASSIGN(GNode in, s.GetPortList(root._root, PORT_DIR::INPUT));
   ORVIX_TRY_ASSIGN(GNode out, s.GetPortList(root._root, PORT_DIR::OUTPUT));
-  for (std::string_view id : op.inputs) ORVIX_TRY(s.AddPort(in, id, GNODE_FLAGS::NONE, nullptr));
+  for (const Input& input : op.inputs) {
+    ORVIX_TRY_ASSIGN(GNode port, s.AddPort(in, input.id, GNODE_FLAGS::NONE, nullptr));
+    ORVIX_TRY(s.SetValue(port, Id(DEFAULT), Data(input.fallback), nullptr));
+  }
   for (std::string_view id : op.outputs) ORVIX_TRY(s.AddPort(out, id, GNODE_FLAGS::NONE, nullptr));
   return root.EndModification(nullptr, FINALIZE_FLAGS::CLEANUP);
 }
 
-// The wiring of the graph: result = x * y + y * y, with an extra node n4
-// that is removed again, and a nested port on each side of <x -> n1<a.
+// The operator as its finished system reports it.
+Result<Json> ReadOperator(const Operator& op) {
+  const NodeSystem& s = *op.system;
+  ORVIX_TRY_ASSIGN(Json label, ReadValue(s, "", LABEL));
+  Json inputs = Json::array();
+  for (const Input& input : op.inputs) {
+    ORVIX_TRY_ASSIGN(Json fallback, ReadValue(s, fmt::format("<{}", input.id), DEFAULT));
+    inputs.push_back({{"id", input.id}, {"default", fallback["value"]}});
+  }
+  return Json{{"name", op.name},
+              {"label", label["value"]},
+              {"inputs", std::move(inputs)},
+              {"outputs", op.outputs}};
+}
+
+// --- Step 2: the graph.
+
+struct Child {
+  std::string_view id;
+  std::string_view base;
+};
+constexpr Child CHILDREN[] = {{"n1", "multiply"}, {"n2", "multiply"}, {"n3", "add"}, {"n4", "add"}};
+
+// result = x * y + y * y, and a preview node n4 on the sum that the copy
+// removes again.
 struct Wire {
   std::string_view source;
   std::string_view target;
@@ -93,29 +193,35 @@ constexpr Wire WIRES[] = {
     {"<x", "n1<a"},         {"<y", "n1<b"},         {"<y", "n2<a"},        {"<y", "n2<b"},
     {"n1>product", "n3<a"}, {"n2>product", "n3<b"}, {"n3>sum", ">result"}, {"n3>sum", "n4<a"},
 };
-constexpr std::string_view REMOVED_NODE = "n4";
 
-struct Built {
-  std::vector<Operator> operators;
-  // Node id and the operator it was made from, in the order of adding.
-  std::vector<std::pair<std::string_view, std::string_view>> nodes;
-  Ref<NodeSystem> graph;
+struct Value {
+  std::string_view path;
+  std::string_view id;
+  Data value;
 };
+std::vector<Value> GraphValues() {
+  return {{"n1", LABEL, Data("x*y")},
+          {"n4", LABEL, Data("preview")},
+          {"<x", DEFAULT, Data(2.5)},
+          {"n3<b", DEFAULT, Data(int64_t{10})}};
+}
 
-Result<Built> BuildGraph() {
-  Built built;
-  ORVIX_TRY_ASSIGN(Ref<NodeSystemClass> cls, nodes::CreateDefaultNodeSystemClass());
-  built.operators = {{"multiply", {"a", "b"}, {"product"}, {}}, {"add", {"a", "b"}, {"sum"}, {}}};
-  for (Operator& op : built.operators) {
-    ORVIX_TRY_ASSIGN(op.system, MakeOperator(*cls, op));
-  }
-  built.nodes = {{"n1", "multiply"}, {"n2", "multiply"}, {"n3", "add"}, {"n4", "add"}};
+// What the demo reads to tell whether the copy reached the original, and what
+// the copy changed: own values, a base's values, and the one the copy erases.
+struct Watched {
+  std::string_view path;
+  std::string_view id;
+};
+constexpr Watched WATCHED[] = {{"n1", LABEL},    {"n2", LABEL},     {"n4", LABEL},
+                               {"<x", DEFAULT},  {"n2<a", DEFAULT}, {"n2<b", DEFAULT},
+                               {"n3<b", DEFAULT}};
 
-  ORVIX_TRY_ASSIGN(MutableRoot root, cls->CreateNodeSystem());
+Result<Ref<NodeSystem>> BuildGraph(NodeSystemClass& cls, const std::vector<Operator>& operators) {
+  ORVIX_TRY_ASSIGN(MutableRoot root, cls.CreateNodeSystem());
   NodeSystem& g = *root._system;
-  for (const auto& [id, opName] : built.nodes) {
-    for (const Operator& op : built.operators) {
-      if (op.name == opName) ORVIX_TRY(g.AddChild(id, op.system, nullptr));
+  for (const Child& child : CHILDREN) {
+    for (const Operator& op : operators) {
+      if (op.name == child.base) ORVIX_TRY(g.AddChild(child.id, op.system, nullptr));
     }
   }
   ORVIX_TRY_ASSIGN(GNode in, g.GetPortList(root._root, PORT_DIR::INPUT));
@@ -133,53 +239,223 @@ Result<Built> BuildGraph() {
     ORVIX_TRY_ASSIGN(GNode target, Find(g, w.target));
     ORVIX_TRY(g.Connect(source, target, Normal(0), nullptr));
   }
-  ORVIX_TRY_ASSIGN(GNode removed, Find(g, REMOVED_NODE));
-  ORVIX_TRY(g.Remove(removed, nullptr));
-  ORVIX_TRY_ASSIGN(built.graph, root.EndModification(nullptr, FINALIZE_FLAGS::CLEANUP));
-  return built;
+  for (const Value& v : GraphValues()) {
+    ORVIX_TRY_ASSIGN(GNode node, Find(g, v.path));
+    ORVIX_TRY(g.SetValue(node, Id(v.id), v.value, nullptr));
+  }
+  return root.EndModification(nullptr, FINALIZE_FLAGS::CLEANUP);
 }
 
-// --- Reading the graph back.
-
-Result<void> WalkTree(const NodeSystem& s, const GNode& parent, int depth, const Built& built,
-                      Json& tree) {
+// Every element below `parent`, parents first, each with the kind of its
+// parent.
+struct Element {
+  GNode node;
+  NODE_KIND parentKind;
+};
+Result<void> CollectElements(const NodeSystem& s, const GNode& parent, std::vector<Element>& out) {
   nodes::ChildIterator it;
   ORVIX_TRY_ASSIGN(GNode child, s.GetFirstChild(parent, it));
   while (child) {
-    ORVIX_TRY_ASSIGN(GNODE_FLAGS flags, s.GetFlags(child));
-    Json base = nullptr;
-    if (child.GetKind() == NODE_KIND::NODE) {
-      for (const auto& [id, opName] : built.nodes) {
-        if (child.path.ToString() == id) base = std::string(opName);
-      }
-    }
-    tree.push_back({{"path", child.path.ToString()},
-                    {"depth", depth},
-                    {"kind", ToString(child.GetKind())},
-                    {"flags", ToString(flags)},
-                    {"base", base}});
-    ORVIX_TRY(WalkTree(s, child, depth + 1, built, tree));
+    out.push_back({child, parent.GetKind()});
+    ORVIX_TRY(CollectElements(s, child, out));
     ORVIX_TRY_ASSIGN(child, s.GetNextChild(it));
   }
   return Ok();
 }
 
-Result<Json> ReadTree(const NodeSystem& s, const Built& built) {
-  Json tree = Json::array();
-  const GNode root = s.GetRoot();
-  tree.push_back({{"path", ""},
-                  {"depth", 0},
-                  {"kind", ToString(root.GetKind())},
-                  {"flags", "NONE"},
-                  {"base", nullptr}});
-  ORVIX_TRY(WalkTree(s, root, 1, built, tree));
-  return tree;
+// What the graph holds, read back: its nodes with the operator each stands
+// on, the ports the graph made itself (its own and the nested ones), the
+// stored wires and the watched values. Two of these compare equal when the
+// graph reads alike.
+Result<Json> ReadGraph(const NodeSystem& s) {
+  std::vector<Element> elements;
+  ORVIX_TRY(CollectElements(s, s.GetRoot(), elements));
+  Json nodeList = Json::array(), ports = Json::array(), wires = Json::array();
+  for (const Element& e : elements) {
+    const NODE_KIND kind = e.node.GetKind();
+    if (kind == NODE_KIND::NODE) {
+      // The node's content is a private copy of its operator, so the operator
+      // shows as the farthest label along the node's chain.
+      Json base = nullptr;
+      ORVIX_TRY(s.GetValueWithCallback(e.node, Id(LABEL),
+                                       [&](const Data& value, int64_t) -> Result<bool> {
+                                         base = ValueJson(&value);
+                                         return true;
+                                       }));
+      nodeList.push_back({{"id", e.node.ToString()}, {"base", base}});
+      continue;
+    }
+    if (!HasAny(kind, NODE_KIND::PORT_MASK)) continue;
+    ORVIX_TRY_ASSIGN(NodePath nodePart, e.node.path.GetNodePart());
+    if (nodePart.IsEmpty() || HasAny(e.parentKind, NODE_KIND::PORT_MASK)) {
+      ports.push_back(e.node.ToString());
+    }
+    // Each stored wire once, from its source's side, without the implicit
+    // ones that the stored wires make.
+    ORVIX_TRY(s.GetConnections(
+        e.node, PORT_DIR::OUTPUT, WIRES_FILTER_ALL_EXPLICIT, GET_CONNECTIONS_MODE::CONNECTIONS,
+        [&](const GNode& other, Wires w, const Ref<ConnectionAttributes>&) -> Result<bool> {
+          wires.push_back({{"source", e.node.ToString()},
+                           {"target", other.ToString()},
+                           {"wires", w.ToString()}});
+          return true;
+        }));
+  }
+  Json values = Json::array();
+  for (const Watched& w : WATCHED) {
+    ORVIX_TRY_ASSIGN(Json reading, ReadValue(s, w.path, w.id));
+    values.push_back(std::move(reading));
+  }
+  return Json{{"nodes", std::move(nodeList)},
+              {"ports", std::move(ports)},
+              {"wires", std::move(wires)},
+              {"values", std::move(values)},
+              {"elements", elements.size() + 1}};
 }
 
-bool IsPort(const Json& entry) {
-  const std::string kind = entry["kind"].get<std::string>();
-  return kind == "INPORT" || kind == "OUTPORT";
+// --- Step 3: a copy.
+
+std::vector<std::string> ModifiedNames(MODIFIED what) {
+  static constexpr std::pair<MODIFIED, std::string_view> NAMES[] = {
+      {MODIFIED::COMPLETE, "COMPLETE"},
+      {MODIFIED::DIRECT_ATTRIBUTE, "DIRECT_ATTRIBUTE"},
+      {MODIFIED::DIRECT_META_ATTRIBUTE, "DIRECT_META_ATTRIBUTE"},
+      {MODIFIED::INHERITED_ATTRIBUTE, "INHERITED_ATTRIBUTE"},
+      {MODIFIED::SYNTHESIZED_ATTRIBUTE, "SYNTHESIZED_ATTRIBUTE"},
+      {MODIFIED::USER_STATE_ATTRIBUTE, "USER_STATE_ATTRIBUTE"},
+      {MODIFIED::NODE_ADDED, "NODE_ADDED"},
+      {MODIFIED::CHILD_REMOVED, "CHILD_REMOVED"},
+      {MODIFIED::CONNECTION_SOURCES, "CONNECTION_SOURCES"},
+      {MODIFIED::CONNECTION_TARGETS, "CONNECTION_TARGETS"},
+      {MODIFIED::SPECIAL0, "SPECIAL0"},
+      {MODIFIED::SPECIAL1, "SPECIAL1"},
+  };
+  std::vector<std::string> names;
+  for (const auto& [bit, name] : NAMES) {
+    if ((uint64_t(what) & uint64_t(bit)) != 0) names.emplace_back(name);
+  }
+  return names;
 }
+
+// The entries of a list by their text, for comparing two readings.
+std::vector<std::string> Keys(const Json& list) {
+  std::vector<std::string> keys;
+  for (const Json& entry : list) keys.push_back(entry.dump());
+  return keys;
+}
+
+// Where the copy reads otherwise than the original: values, nodes and wires.
+// A value of an element that the copy removed goes with the element.
+Json Differences(const Json& original, const Json& copy) {
+  Json differences = Json::array();
+  for (size_t i = 0; i < original["values"].size(); ++i) {
+    const Json& a = original["values"][i];
+    const Json& b = copy["values"][i];
+    if (a["value"] != b["value"] && !b["prefix"].is_null()) {
+      differences.push_back({{"what", "value"},
+                             {"path", a["path"]},
+                             {"id", a["id"]},
+                             {"original", a["text"]},
+                             {"copy", b["text"]}});
+    }
+  }
+  for (const char* list : {"nodes", "wires"}) {
+    const std::vector<std::string> a = Keys(original[list]);
+    const std::vector<std::string> b = Keys(copy[list]);
+    auto missing = [](const std::vector<std::string>& in, const std::string& key) {
+      return std::find(in.begin(), in.end(), key) == in.end();
+    };
+    for (size_t i = 0; i < a.size(); ++i) {
+      if (missing(b, a[i])) differences.push_back({{"what", list}, {"removed", original[list][i]}});
+    }
+    for (size_t i = 0; i < b.size(); ++i) {
+      if (missing(a, b[i])) differences.push_back({{"what", list}, {"added", copy[list][i]}});
+    }
+  }
+  return differences;
+}
+
+// The copy's edits: a value changed, a base's value erased, a node removed.
+constexpr std::string_view RENAMED = "n1";
+constexpr std::string_view NEW_LABEL = "x times y";
+constexpr std::string_view ERASED = "n2<b";
+constexpr std::string_view REMOVED = "n4";
+
+struct CopyResult {
+  Ref<NodeSystem> copy;
+  Json json;
+};
+
+// The graph is held twice, so BeginModification edits a copy and leaves the
+// original as it is.
+Result<CopyResult> EditCopy(const Ref<NodeSystem>& graph, const Json& before) {
+  Ref<NodeSystem> second = graph;
+  ORVIX_TRY_ASSIGN(MutableRoot edit, nodes::BeginModification(second));
+  NodeSystem& c = *edit._system;
+  const bool copied = edit._system.Get() != graph.Get();
+  // What changed after this stamp is the copy's own doing.
+  const uint64_t taken = c.GetModificationStamp();
+  ORVIX_TRY_ASSIGN(GNode renamed, Find(c, RENAMED));
+  ORVIX_TRY(c.SetValue(renamed, Id(LABEL), Data(NEW_LABEL), nullptr));
+  ORVIX_TRY_ASSIGN(GNode erased, Find(c, ERASED));
+  ORVIX_TRY_ASSIGN(bool hidden, c.EraseValue(erased, Id(DEFAULT), nullptr));
+  ORVIX_TRY_ASSIGN(GNode removed, Find(c, REMOVED));
+  ORVIX_TRY(c.Remove(removed, nullptr));
+  ORVIX_TRY_ASSIGN(Ref<NodeSystem> copy, edit.EndModification(nullptr, FINALIZE_FLAGS::CLEANUP));
+
+  Json changed = Json::array();
+  ORVIX_TRY(copy->EnumerateChanges(taken, [&](const GNode& node, MODIFIED what) -> Result<bool> {
+    changed.push_back({{"path", Shown(node.path)}, {"what", ModifiedNames(what)}});
+    return true;
+  }));
+  ORVIX_TRY_ASSIGN(Json after, ReadGraph(*graph));
+  ORVIX_TRY_ASSIGN(Json read, ReadGraph(*copy));
+  ORVIX_TRY_ASSIGN(size_t originalRecords, graph->GetChildRecordCount(graph->GetRoot()));
+  ORVIX_TRY_ASSIGN(size_t copyRecords, copy->GetChildRecordCount(copy->GetRoot()));
+  Json json = {
+      {"copied", copied},
+      {"edits",
+       {fmt::format("SetValue {} {} \"{}\"", RENAMED, LABEL, NEW_LABEL),
+        fmt::format("EraseValue {} {}", ERASED, DEFAULT), fmt::format("Remove {}", REMOVED)}},
+      {"erased", hidden},
+      {"differences", Differences(before, read)},
+      {"changed", std::move(changed)},
+      {"elements", read["elements"]},
+      {"rootChildRecords", {{"original", originalRecords}, {"copy", copyRecords}}},
+      {"original",
+       {{"nodes", after["nodes"].size()},
+        {"wires", after["wires"].size()},
+        {"values", after["values"].size()}}},
+      {"originalUnchanged", after == before}};
+  return CopyResult{std::move(copy), std::move(json)};
+}
+
+// --- Step 4: reading through the bases.
+
+// Own values against the base operator's, then the value the copy erased:
+// hidden while the base still has it, and back after ResetValue.
+Result<Json> ReadThroughBases(const NodeSystem& graph, Ref<NodeSystem> copy) {
+  Json readings = Json::array();
+  for (const Watched& w : {Watched{"n1", LABEL}, Watched{"n2", LABEL}, Watched{"n2<a", DEFAULT},
+                           Watched{"n3<b", DEFAULT}}) {
+    ORVIX_TRY_ASSIGN(Json reading, ReadValue(graph, w.path, w.id));
+    readings.push_back(std::move(reading));
+  }
+  ORVIX_TRY_ASSIGN(Json inOriginal, ReadValue(graph, ERASED, DEFAULT));
+  ORVIX_TRY_ASSIGN(Json erased, ReadValue(*copy, ERASED, DEFAULT));
+  // The demo holds the copy's only reference: this modification needs no
+  // further copy.
+  ORVIX_TRY_ASSIGN(MutableRoot edit, nodes::BeginModification(copy));
+  ORVIX_TRY_ASSIGN(GNode node, Find(*edit._system, ERASED));
+  ORVIX_TRY_ASSIGN(bool reset, edit._system->ResetValue(node, Id(DEFAULT), nullptr));
+  ORVIX_TRY_ASSIGN(copy, edit.EndModification(nullptr, FINALIZE_FLAGS::CLEANUP));
+  ORVIX_TRY_ASSIGN(Json back, ReadValue(*copy, ERASED, DEFAULT));
+  return Json{{"readings", std::move(readings)},
+              {"erased", {{"copy", std::move(erased)}, {"original", std::move(inOriginal)}}},
+              {"reset", {{"removed", reset}, {"copy", std::move(back)}}}};
+}
+
+// --- Step 5: the effective connections of a port.
 
 // One entry per effective connection of `port`: its sources, then its
 // targets.
@@ -200,37 +476,6 @@ Result<Json> ReadConnections(const NodeSystem& s, const GNode& port, Wires mask)
   return list;
 }
 
-// The stored wires, each once: read from the source's side, without the
-// implicit ones that the stored wires make.
-Result<Json> ReadWires(const NodeSystem& s, const Json& tree) {
-  Json wires = Json::array();
-  for (const Json& entry : tree) {
-    if (!IsPort(entry)) continue;
-    ORVIX_TRY_ASSIGN(GNode port, Find(s, entry["path"].get<std::string>()));
-    ORVIX_TRY(s.GetConnections(
-        port, PORT_DIR::OUTPUT, WIRES_FILTER_ALL_EXPLICIT, GET_CONNECTIONS_MODE::CONNECTIONS,
-        [&](const GNode& other, Wires w, const Ref<ConnectionAttributes>&) -> Result<bool> {
-          wires.push_back({{"source", port.path.ToString()},
-                           {"target", other.path.ToString()},
-                           {"wires", w.ToString()}});
-          return true;
-        }));
-  }
-  return wires;
-}
-
-// The port and every port nested below it, parents first.
-Result<void> CollectSubtree(const NodeSystem& s, const GNode& port, std::vector<GNode>& out) {
-  out.push_back(port);
-  nodes::ChildIterator it;
-  ORVIX_TRY_ASSIGN(GNode child, s.GetFirstChild(port, it));
-  while (child) {
-    ORVIX_TRY(CollectSubtree(s, child, out));
-    ORVIX_TRY_ASSIGN(child, s.GetNextChild(it));
-  }
-  return Ok();
-}
-
 // The effective connections of the chosen port and its nested ports, implicit
 // wires included.
 Result<Json> ReadPortView(const NodeSystem& s, const NodePath& path) {
@@ -238,149 +483,208 @@ Result<Json> ReadPortView(const NodeSystem& s, const NodePath& path) {
   if (!port || !HasAny(port.GetKind(), NODE_KIND::PORT_MASK)) {
     return DemoError(FormatMessage("@ is not a port of the demo graph.", Shown(path)));
   }
-  std::vector<GNode> ports;
-  ORVIX_TRY(CollectSubtree(s, port, ports));
+  std::vector<Element> ports{{port, NODE_KIND::NONE}};
+  ORVIX_TRY(CollectElements(s, port, ports));
   Json all = Json::array();
-  for (const GNode& p : ports) {
-    ORVIX_TRY_ASSIGN(Json list, ReadConnections(s, p, WIRES_FILTER_ALL_INCLUDING_IMPLICIT));
+  for (const Element& p : ports) {
+    ORVIX_TRY_ASSIGN(Json list, ReadConnections(s, p.node, WIRES_FILTER_ALL_INCLUDING_IMPLICIT));
     for (Json& entry : list) all.push_back(std::move(entry));
   }
   return all;
 }
 
-// The copy: the graph is held twice, so BeginModification edits a copy and
-// leaves the original as it is. The copy adds a wire of its own next to the
-// ones it shares with the original.
-constexpr Wire COPY_WIRE = {"<y", "n1<a/gain"};
-constexpr uint32_t COPY_WIRE_CHANNEL = 1;
-
-Result<Json> ReadCopy(const Ref<NodeSystem>& graph, const NodePath& path, const Json& before) {
-  Ref<NodeSystem> shared = graph;
-  ORVIX_TRY_ASSIGN(MutableRoot edit, nodes::BeginModification(shared));
-  NodeSystem& c = *edit._system;
-  ORVIX_TRY_ASSIGN(GNode source, Find(c, COPY_WIRE.source));
-  ORVIX_TRY_ASSIGN(GNode target, Find(c, COPY_WIRE.target));
-  ORVIX_TRY(c.Connect(source, target, Normal(COPY_WIRE_CHANNEL), nullptr));
-  ORVIX_TRY_ASSIGN(Ref<NodeSystem> copy, edit.EndModification(nullptr, FINALIZE_FLAGS::CLEANUP));
-
-  ORVIX_TRY_ASSIGN(Json connections, ReadPortView(*copy, path));
-  // A connection that the original reports alike comes from the layers the
-  // copy shares with it; anything else was made in the copy.
-  for (Json& entry : connections) {
-    std::string origin = "new in copy";
-    for (const Json& old : before) {
-      if (old["port"] == entry["port"] && old["direction"] == entry["direction"] &&
-          old["other"] == entry["other"]) {
-        origin = old["wires"] == entry["wires"] ? "inherited" : "changed in copy";
-      }
-    }
-    entry["origin"] = origin;
-  }
-  ORVIX_TRY_ASSIGN(Json after, ReadPortView(*graph, path));
-  return Json{{"change", fmt::format("Connect {} -> {} on channel {}", COPY_WIRE.source,
-                                     COPY_WIRE.target, COPY_WIRE_CHANNEL)},
-              {"connections", std::move(connections)},
-              {"originalUnchanged", after == before}};
-}
-
 Result<Json> RunDemo(const std::string& portText) {
   ORVIX_TRY_ASSIGN(NodePath path, NodePath::Parse(portText));
-  ORVIX_TRY_ASSIGN(Built built, BuildGraph());
-  const NodeSystem& g = *built.graph;
+  LoadedModule module;
+  ORVIX_TRY(nodes::LoadNodesModule());
+  module.loaded = true;
 
-  Json operators = Json::array();
-  for (const Operator& op : built.operators) {
-    operators.push_back({{"name", op.name}, {"inputs", op.inputs}, {"outputs", op.outputs}});
+  const std::string_view classId = nodes::NODE_SYSTEM_CLASS_IMPL_ID;
+  ORVIX_TRY_ASSIGN(Ref<NodeSystemClass> cls, ClassById(classId));
+  std::vector<Operator> operators = {{"multiply", {{"a", 1}, {"b", 1}}, {"product"}, {}},
+                                     {"add", {{"a", 0}, {"b", 0}}, {"sum"}, {}}};
+  Json operatorList = Json::array();
+  for (Operator& op : operators) {
+    ORVIX_TRY_ASSIGN(op.system, MakeOperator(*cls, op));
+    ORVIX_TRY_ASSIGN(Json read, ReadOperator(op));
+    operatorList.push_back(std::move(read));
   }
-  Json nodeList = Json::array();
-  for (const auto& [id, opName] : built.nodes) {
-    nodeList.push_back({{"id", id}, {"base", opName}, {"removed", id == REMOVED_NODE}});
+
+  ORVIX_TRY_ASSIGN(Ref<NodeSystem> graph, BuildGraph(*cls, operators));
+  ORVIX_TRY_ASSIGN(Json before, ReadGraph(*graph));
+  Json set = Json::array();
+  for (const Value& v : GraphValues()) {
+    set.push_back({{"path", v.path},
+                   {"id", v.id},
+                   {"value", ValueJson(&v.value)},
+                   {"text", v.value.ToString()}});
   }
-  ORVIX_TRY_ASSIGN(Json tree, ReadTree(g, built));
-  ORVIX_TRY_ASSIGN(Json wires, ReadWires(g, tree));
-  ORVIX_TRY_ASSIGN(Json port, ReadPortView(g, path));
-  ORVIX_TRY_ASSIGN(Json copy, ReadCopy(built.graph, path, port));
-  return Json{{"operators", std::move(operators)},
-              {"nodes", std::move(nodeList)},
-              {"tree", std::move(tree)},
-              {"wires", std::move(wires)},
-              {"port", {{"path", path.ToString()}, {"connections", std::move(port)}}},
-              {"copy", std::move(copy)},
-              {"error", nullptr}};
+
+  ORVIX_TRY_ASSIGN(CopyResult copy, EditCopy(graph, before));
+  ORVIX_TRY_ASSIGN(Json bases, ReadThroughBases(*graph, std::move(copy.copy)));
+  ORVIX_TRY_ASSIGN(Json port, ReadPortView(*graph, path));
+  return Json{
+      {"start", {{"module", "loaded"}, {"class", classId}, {"operators", std::move(operatorList)}}},
+      {"graph",
+       {{"nodes", before["nodes"]},
+        {"ports", before["ports"]},
+        {"wires", before["wires"]},
+        {"values", std::move(set)}}},
+      {"copy", std::move(copy.json)},
+      {"bases", std::move(bases)},
+      {"port", {{"path", path.ToString()}, {"connections", std::move(port)}}},
+      {"error", nullptr}};
 }
 
 // --- Text output.
 
-std::string Joined(const Json& list, std::string_view prefix) {
-  std::string text;
-  for (const Json& item : list) {
-    if (!text.empty()) text += ' ';
-    text += prefix;
-    text += item.get<std::string>();
-  }
-  return text;
+std::string Str(const Json& j) {
+  return j.is_string() ? j.get<std::string>() : j.dump();
 }
 
-void PrintConnections(std::ostream& out, const Json& connections, bool withOrigin) {
-  if (connections.empty()) out << "  (no connections)\n";
-  for (const Json& c : connections) {
-    const bool source = c["direction"] == "source";
-    out << fmt::format("  {:<12} {} {:<12} {}", c["port"].get<std::string>(), source ? "<-" : "->",
-                       c["other"].get<std::string>(), c["wires"].get<std::string>());
-    if (withOrigin) out << "  " << c["origin"].get<std::string>();
-    out << "\n";
+// Items joined by `separator`, broken into lines that begin with `indent`.
+void PrintWrapped(std::ostream& out, std::string_view head, const std::vector<std::string>& items,
+                  std::string_view separator) {
+  constexpr size_t WIDTH = 96;
+  const std::string indent(head.size(), ' ');
+  std::string line(head);
+  bool first = true;
+  for (const std::string& item : items) {
+    if (!first && line.size() + separator.size() + item.size() > WIDTH) {
+      out << line << separator.substr(0, separator.find_last_not_of(' ') + 1) << "\n";
+      line = indent;
+      first = true;
+    }
+    if (!first) line += separator;
+    line += item;
+    first = false;
   }
+  out << line << "\n";
+}
+
+std::string FromWhere(const Json& reading) {
+  if (reading["prefix"].is_null()) return "no such element";
+  const int64_t prefix = reading["prefix"].get<int64_t>();
+  return prefix > 0 ? fmt::format("from the base operator (prefix {})", prefix)
+                    : fmt::format("own value (prefix {})", prefix);
 }
 
 void PrintText(std::ostream& out, const Json& d) {
-  out << "demo: a graph built through the public operations\n";
-  out << "  operators:";
-  for (const Json& op : d["operators"]) {
-    out << "  " << op["name"].get<std::string>() << " (" << Joined(op["inputs"], "<") << " "
-        << Joined(op["outputs"], ">") << ")";
-  }
-  out << "\n  nodes:    ";
-  for (const Json& n : d["nodes"]) {
-    out << " " << n["id"].get<std::string>() << "=" << n["base"].get<std::string>();
-  }
-  out << "\n  root ports <x <y >result, nested ports <x/gain n1<a/gain\n";
-  out << "  " << std::size(WIRES) << " wires of mode NORMAL on channel 0; then Remove "
-      << REMOVED_NODE << "\n\n";
+  out << "demo: the road of a client, through the published operations\n";
 
-  out << "tree (kind, public flags)\n";
-  for (const Json& e : d["tree"]) {
-    const std::string shown =
-        std::string(2 * e["depth"].get<size_t>() + 2, ' ') +
-        (e["path"].get<std::string>().empty() ? "(root)" : e["path"].get<std::string>());
-    std::string line = fmt::format("{:<24} {:<8}", shown, e["kind"].get<std::string>());
-    if (IsPort(e) || e["flags"] != "NONE") line += " " + e["flags"].get<std::string>();
-    if (!e["base"].is_null()) line += " from " + e["base"].get<std::string>();
-    line.erase(line.find_last_not_of(' ') + 1);
-    out << line << "\n";
+  const Json& start = d["start"];
+  out << "\n1. start: LoadNodesModule, CreateObject(\"" << Str(start["class"])
+      << "\"), and per operator\n   CreateNodeSystem, AddPort, SetValue, "
+         "EndModification(CLEANUP)\n";
+  for (const Json& op : start["operators"]) {
+    std::string ports;
+    for (const Json& in : op["inputs"])
+      ports += fmt::format(" <{}={}", Str(in["id"]), Str(in["default"]));
+    for (const Json& o : op["outputs"]) ports += " >" + Str(o);
+    out << fmt::format("   {:<9} label \"{}\"{}\n", Str(op["name"]), Str(op["label"]), ports);
   }
 
-  out << "\nwires (Connect modes per channel)\n";
-  for (const Json& w : d["wires"]) {
-    out << fmt::format("  {:<12} -> {:<12} {}\n", w["source"].get<std::string>(),
-                       w["target"].get<std::string>(), w["wires"].get<std::string>());
+  const Json& graph = d["graph"];
+  out << "\n2. graph: AddChild on an operator, AddPort, Connect, SetValue, "
+         "EndModification(CLEANUP)\n";
+  std::vector<std::string> items;
+  for (const Json& n : graph["nodes"]) items.push_back(Str(n["id"]) + " on " + Str(n["base"]));
+  PrintWrapped(out, "   nodes   ", items, ", ");
+  items.clear();
+  for (const Json& p : graph["ports"]) items.push_back(Str(p));
+  PrintWrapped(out, "   ports   ", items, " ");
+  items.clear();
+  const std::string normal = Normal(0).ToString();
+  for (const Json& w : graph["wires"]) {
+    std::string item = Str(w["source"]) + " -> " + Str(w["target"]);
+    if (w["wires"] != normal) item += " " + Str(w["wires"]);
+    items.push_back(std::move(item));
   }
-
-  out << "\nport " << d["port"]["path"].get<std::string>()
-      << " and its nested ports: effective sources (<-) and targets (->)\n";
-  PrintConnections(out, d["port"]["connections"], false);
+  PrintWrapped(out, "   wires   ", items, ", ");
+  if (std::all_of(graph["wires"].begin(), graph["wires"].end(),
+                  [&](const Json& w) { return w["wires"] == normal; })) {
+    out << "           (each NORMAL on channel 0)\n";
+  }
+  items.clear();
+  for (const Json& v : graph["values"]) {
+    items.push_back(Str(v["path"]) + " " + Str(v["id"]) + " " + Str(v["text"]));
+  }
+  PrintWrapped(out, "   values  ", items, ", ");
 
   const Json& copy = d["copy"];
-  out << "\nin a copy (BeginModification on a shared reference) that does "
-      << copy["change"].get<std::string>() << "\n";
-  PrintConnections(out, copy["connections"], true);
-  out << "  original " << (copy["originalUnchanged"].get<bool>() ? "unchanged" : "CHANGED") << "\n";
+  out << "\n3. copy: BeginModification on a second reference "
+      << (copy["copied"].get<bool>() ? "copies first" : "did NOT copy") << ", then\n";
+  items.clear();
+  for (const Json& e : copy["edits"]) items.push_back(Str(e));
+  PrintWrapped(out, "   edits   ", items, "; ");
+  bool first = true;
+  for (const Json& diff : copy["differences"]) {
+    std::string line;
+    if (diff["what"] == "value") {
+      line = fmt::format("{} {}: {} -> {}", Str(diff["path"]), Str(diff["id"]),
+                         Str(diff["original"]), Str(diff["copy"]));
+    } else {
+      const bool removed = diff.contains("removed");
+      const Json& item = removed ? diff["removed"] : diff["added"];
+      const std::string what = diff["what"] == "nodes"
+                                   ? "node " + Str(item["id"])
+                                   : "wire " + Str(item["source"]) + " -> " + Str(item["target"]);
+      line = what + (removed ? ": removed" : ": added");
+    }
+    out << (first ? "   copy    " : "           ") << line << "\n";
+    first = false;
+  }
+  const Json& original = copy["original"];
+  out << fmt::format("   original {}: {} nodes, {} wires, {} watched values read as before\n",
+                     copy["originalUnchanged"].get<bool>() ? "unchanged" : "CHANGED",
+                     original["nodes"].get<size_t>(), original["wires"].get<size_t>(),
+                     original["values"].get<size_t>());
+  items.clear();
+  for (const Json& c : copy["changed"]) {
+    std::string what;
+    for (const Json& name : c["what"]) what += (what.empty() ? "" : "|") + Str(name);
+    items.push_back(Str(c["path"]) + " " + what);
+  }
+  out << fmt::format("   changed since the copy was taken (EnumerateChanges): {} of {} elements\n",
+                     copy["changed"].size(), copy["elements"].get<size_t>());
+  PrintWrapped(out, "           ", items, ", ");
+  out << fmt::format("   root child records (GetChildRecordCount): original {}, copy {}\n",
+                     copy["rootChildRecords"]["original"].get<size_t>(),
+                     copy["rootChildRecords"]["copy"].get<size_t>());
+
+  const Json& bases = d["bases"];
+  out << "\n4. reading through the bases: GetValue with prefixCount\n";
+  for (const Json& r : bases["readings"]) {
+    out << fmt::format("   {:<15} {:<10} {}\n", Str(r["path"]) + " " + Str(r["id"]), Str(r["text"]),
+                       FromWhere(r));
+  }
+  const Json& erased = bases["erased"];
+  out << fmt::format("   {:<15} {:<10} in the copy: EraseValue hides the base's {}\n",
+                     Str(erased["copy"]["path"]) + " " + Str(erased["copy"]["id"]),
+                     Str(erased["copy"]["text"]), Str(erased["original"]["text"]));
+  const Json& reset = bases["reset"]["copy"];
+  out << fmt::format("   {:<15} {:<10} in the copy after ResetValue: back {}\n",
+                     Str(reset["path"]) + " " + Str(reset["id"]), Str(reset["text"]),
+                     FromWhere(reset));
+
+  out << "\n5. port " << Str(d["port"]["path"])
+      << " and its nested ports: effective sources (<-) and targets (->)\n";
+  if (d["port"]["connections"].empty()) out << "   (no connections)\n";
+  for (const Json& c : d["port"]["connections"]) {
+    const bool source = c["direction"] == "source";
+    out << fmt::format("   {:<10} {} {:<10} {}{}\n", Str(c["port"]), source ? "<-" : "->",
+                       Str(c["other"]), Str(c["wires"]),
+                       c["implicit"].get<bool>() ? "  implicit" : "");
+  }
 }
 
 }  // namespace
 
 void AddDemoCommand(CLI::App& app, Context& context, int& result) {
   auto* cmd = app.add_subcommand(
-      "demo", "Build a small graph through the public operations and show its connections");
+      "demo",
+      "Walk the road of a client: module, class, operators, a graph with values, a copy, reads "
+      "through the bases, and the connections of one port");
   auto port = std::make_shared<std::string>(DEFAULT_PORT);
   cmd->add_option("--port", *port, "The port whose effective connections are shown")
       ->capture_default_str();

@@ -127,6 +127,14 @@ Result<void> NodeSystemImpl::_ClearConnections(const NodePath& self, ConnectionT
     if (!erased && !shortcutSource) {
       return ConditionError(CONDITION_KIND::ASSERTION, "reverse connection exists");
     }
+    if (erased && !shortcutSource) {
+      // The other end lost a wire: readers that compare its connection
+      // stamps must see it.
+      PortRecord* otherPort = otherInfo->AsPort();
+      (key.IsOtherTarget() ? otherPort->_sourcesStamp : otherPort->_targetsStamp) =
+          _modificationStamp;
+      _connectionStamp = _modificationStamp;
+    }
     if (shortcutSource) ORVIX_TRY(SetModified(other, GFI::MODIFIED_SAV_TARGETS));
   }
   table.Clear();
