@@ -380,6 +380,10 @@ constexpr std::string_view RENAMED = "n1";
 constexpr std::string_view NEW_LABEL = "x times y";
 constexpr std::string_view ERASED = "n2<b";
 constexpr std::string_view REMOVED = "n4";
+// ... and a wire of its own into a nested port that already has an implicit
+// one on channel 0.
+constexpr std::string_view WIRED_FROM = "<y";
+constexpr std::string_view WIRED_TO = "n1<a/gain";
 
 struct CopyResult {
   Ref<NodeSystem> copy;
@@ -401,6 +405,9 @@ Result<CopyResult> EditCopy(const Ref<NodeSystem>& graph, const Json& before) {
   ORVIX_TRY_ASSIGN(bool hidden, c.EraseValue(erased, Id(DEFAULT), nullptr));
   ORVIX_TRY_ASSIGN(GNode removed, Find(c, REMOVED));
   ORVIX_TRY(c.Remove(removed, nullptr));
+  ORVIX_TRY_ASSIGN(GNode wireFrom, Find(c, WIRED_FROM));
+  ORVIX_TRY_ASSIGN(GNode wireTo, Find(c, WIRED_TO));
+  ORVIX_TRY(c.Connect(wireFrom, wireTo, Normal(1), nullptr));
   ORVIX_TRY_ASSIGN(Ref<NodeSystem> copy, edit.EndModification(nullptr, FINALIZE_FLAGS::CLEANUP));
 
   Json changed = Json::array();
@@ -416,7 +423,8 @@ Result<CopyResult> EditCopy(const Ref<NodeSystem>& graph, const Json& before) {
       {"copied", copied},
       {"edits",
        {fmt::format("SetValue {} {} \"{}\"", RENAMED, LABEL, NEW_LABEL),
-        fmt::format("EraseValue {} {}", ERASED, DEFAULT), fmt::format("Remove {}", REMOVED)}},
+        fmt::format("EraseValue {} {}", ERASED, DEFAULT), fmt::format("Remove {}", REMOVED),
+        fmt::format("Connect {} -> {} on channel 1", WIRED_FROM, WIRED_TO)}},
       {"erased", hidden},
       {"differences", Differences(before, read)},
       {"changed", std::move(changed)},
@@ -521,8 +529,15 @@ Result<Json> RunDemo(const std::string& portText) {
   }
 
   ORVIX_TRY_ASSIGN(CopyResult copy, EditCopy(graph, before));
-  ORVIX_TRY_ASSIGN(Json bases, ReadThroughBases(*graph, std::move(copy.copy)));
   ORVIX_TRY_ASSIGN(Json port, ReadPortView(*graph, path));
+  // The same port in the copy: what it takes over from the original, and
+  // what it has of its own.
+  ORVIX_TRY_ASSIGN(Json inCopy, ReadPortView(*copy.copy, path));
+  for (Json& entry : inCopy) {
+    const bool inherited = std::find(port.begin(), port.end(), entry) != port.end();
+    entry["origin"] = inherited ? "inherited from the original" : "new in the copy";
+  }
+  ORVIX_TRY_ASSIGN(Json bases, ReadThroughBases(*graph, std::move(copy.copy)));
   return Json{
       {"start", {{"module", "loaded"}, {"class", classId}, {"operators", std::move(operatorList)}}},
       {"graph",
@@ -532,7 +547,10 @@ Result<Json> RunDemo(const std::string& portText) {
         {"values", std::move(set)}}},
       {"copy", std::move(copy.json)},
       {"bases", std::move(bases)},
-      {"port", {{"path", path.ToString()}, {"connections", std::move(port)}}},
+      {"port",
+       {{"path", path.ToString()},
+        {"connections", std::move(port)},
+        {"inCopy", std::move(inCopy)}}},
       {"error", nullptr}};
 }
 
@@ -675,6 +693,12 @@ void PrintText(std::ostream& out, const Json& d) {
     out << fmt::format("   {:<10} {} {:<10} {}{}\n", Str(c["port"]), source ? "<-" : "->",
                        Str(c["other"]), Str(c["wires"]),
                        c["implicit"].get<bool>() ? "  implicit" : "");
+  }
+  out << "   in the copy:\n";
+  for (const Json& c : d["port"]["inCopy"]) {
+    const bool source = c["direction"] == "source";
+    out << fmt::format("   {:<10} {} {:<10} {}  {}\n", Str(c["port"]), source ? "<-" : "->",
+                       Str(c["other"]), Str(c["wires"]), Str(c["origin"]));
   }
 }
 
