@@ -266,20 +266,39 @@ Ref<DerivedAttribute> NodeSystemImpl::_DerivedAttribute(InternedId id) const {
   return Ref<DerivedAttribute>(dynamic_cast<DerivedAttribute*>(attribute.Get()));
 }
 
-Result<AttributeRecord*> NodeSystemImpl::_RefindRecord(NodeInfo* info, InternedId id,
-                                                       ATTRIBUTE_FLAGS flags) {
-  ORVIX_TRY(_PrepareTable(info));
+Result<AttributeRecord*> NodeSystemImpl::_FindOrInsertRecord(NodeInfo* info, InternedId id,
+                                                             ATTRIBUTE_FLAGS flags,
+                                                             bool* inserted) {
+  bool isNew = false;
+  AttributeRecord* record = nullptr;
   try {
-    bool inserted = false;
-    AttributeRecord* record = &info->attributes->records.FindOrInsert(id, &inserted);
-    if (inserted) {
-      record->derivedStamp = HasDirectAndTransient(flags) ? AttributeRecord::NOT_DERIVED_ALT
-                                                          : AttributeRecord::NOT_DERIVED;
-    }
-    return record;
+    record = &info->attributes->records.FindOrInsert(id, &isNew);
   } catch (const std::bad_alloc&) {
     return OutOfMemoryError();
   }
+  // A new record isn't derived until derivation writes it.
+  if (isNew) {
+    record->derivedStamp = HasDirectAndTransient(flags) ? AttributeRecord::NOT_DERIVED_ALT
+                                                        : AttributeRecord::NOT_DERIVED;
+  }
+  if (inserted) *inserted = isNew;
+  return record;
+}
+
+Result<AttributeRecord*> NodeSystemImpl::_RefindRecord(NodeInfo* info, InternedId id,
+                                                       ATTRIBUTE_FLAGS flags) {
+  ORVIX_TRY(_PrepareTable(info));
+  return _FindOrInsertRecord(info, id, flags, nullptr);
+}
+
+Result<void> NodeSystemImpl::_TellClass(const GNode& node, InternedId id, ATTRIBUTE_FLAGS flags,
+                                        const Data& newValue, const Data& oldValue) {
+  if (!_class) return Ok();
+  ORVIX_TRY_ASSIGN(uint64_t told,
+                   _class->AttributeChanged(*this, node, id, flags, newValue, oldValue));
+  if (told & ToBits(MODIFIED::SPECIAL0)) _special0Stamp = _modificationStamp;
+  if (told & ToBits(MODIFIED::SPECIAL1)) _special1Stamp = _modificationStamp;
+  return Ok();
 }
 
 Result<AttributeTable*> NodeSystemImpl::_PrepareTable(NodeInfo* info) {
@@ -401,16 +420,7 @@ Result<bool> NodeSystemImpl::SetValue(const GNode& node, InternedId id, Data val
   ORVIX_TRY_ASSIGN(NodeInfo * info, GetMutable(handle, NODE_KIND::NONE));
   if (!equal) ORVIX_TRY(_PrepareTable(info));
   bool inserted = false;
-  AttributeRecord* attribute = nullptr;
-  try {
-    attribute = &info->attributes->records.FindOrInsert(id, &inserted);
-  } catch (const std::bad_alloc&) {
-    return OutOfMemoryError();
-  }
-  if (inserted) {
-    attribute->derivedStamp =
-        HasDirectAndTransient(flags) ? AttributeRecord::NOT_DERIVED_ALT : AttributeRecord::NOT_DERIVED;
-  }
+  ORVIX_TRY_ASSIGN(AttributeRecord * attribute, _FindOrInsertRecord(info, id, flags, &inserted));
   if (equal) {
     if (direct && _attribSetup) attribute->stamp = _modificationStamp;
     return false;
@@ -422,14 +432,10 @@ Result<bool> NodeSystemImpl::SetValue(const GNode& node, InternedId id, Data val
   // A copy: the class may write values of this element, which can move the
   // table that the record lives in.
   const Data old = below ? *below : attribute->value;
-  Result<uint64_t> told = _class ? _class->AttributeChanged(*this, handle, id, flags, value, old)
-                                 : Result<uint64_t>(uint64_t{0});
-  if (!told) {
+  if (Result<void> told = _TellClass(handle, id, flags, value, old); !told) {
     takeBack();
     return std::move(told).GetError();
   }
-  if (*told & ToBits(MODIFIED::SPECIAL0)) _special0Stamp = _modificationStamp;
-  if (*told & ToBits(MODIFIED::SPECIAL1)) _special1Stamp = _modificationStamp;
   if (changeList && derived) {
     takeBack();
     return ChangeListWithDerived();
@@ -465,14 +471,7 @@ Result<void> NodeSystemImpl::TouchValue(const GNode& node, InternedId id, Change
   AttributeRecord* attribute = FindOwn(info, id);
   if (!attribute) {
     // A touch of a base's value makes it the element's own.
-    ORVIX_TRY(_PrepareTable(info));
-    try {
-      attribute = &info->attributes->records.FindOrInsert(id);
-    } catch (const std::bad_alloc&) {
-      return OutOfMemoryError();
-    }
-    attribute->derivedStamp =
-        HasDirectAndTransient(flags) ? AttributeRecord::NOT_DERIVED_ALT : AttributeRecord::NOT_DERIVED;
+    ORVIX_TRY_ASSIGN(attribute, _RefindRecord(info, id, flags));
     attribute->value = std::move(copy);
   }
   return NoteValueChanged(handle, id, flags, derived.Get(), info, attribute);
@@ -493,11 +492,7 @@ Result<bool> NodeSystemImpl::ResetValue(const GNode& node, InternedId id, Change
   ORVIX_TRY_ASSIGN(NodeInfo * info, GetMutable(handle, NODE_KIND::NONE));
   ORVIX_TRY(_PrepareTable(info));
   const Data old = info->attributes->records.Find(id)->value;
-  ORVIX_TRY_ASSIGN(uint64_t told,
-                   _class ? _class->AttributeChanged(*this, handle, id, flags, Data(), old)
-                          : Result<uint64_t>(uint64_t{0}));
-  if (told & ToBits(MODIFIED::SPECIAL0)) _special0Stamp = _modificationStamp;
-  if (told & ToBits(MODIFIED::SPECIAL1)) _special1Stamp = _modificationStamp;
+  ORVIX_TRY(_TellClass(handle, id, flags, Data(), old));
   if (changeList && derived) return ChangeListWithDerived();
   info->attributes->records.Erase(id);
   ORVIX_TRY(NoteValueChanged(handle, id, flags, derived.Get(), info, nullptr));
@@ -529,16 +524,7 @@ Result<bool> NodeSystemImpl::EraseValue(const GNode& node, InternedId id, Change
   ORVIX_TRY_ASSIGN(NodeInfo * info, GetMutable(handle, NODE_KIND::NONE));
   ORVIX_TRY(_PrepareTable(info));
   bool inserted = false;
-  AttributeRecord* attribute = nullptr;
-  try {
-    attribute = &info->attributes->records.FindOrInsert(id, &inserted);
-  } catch (const std::bad_alloc&) {
-    return OutOfMemoryError();
-  }
-  if (inserted) {
-    attribute->derivedStamp =
-        HasDirectAndTransient(flags) ? AttributeRecord::NOT_DERIVED_ALT : AttributeRecord::NOT_DERIVED;
-  }
+  ORVIX_TRY_ASSIGN(AttributeRecord * attribute, _FindOrInsertRecord(info, id, flags, &inserted));
   if (!inserted && attribute->value.IsEmpty()) {
     if (!_attribSetup) return ConditionError(CONDITION_KIND::ASSERTION, "!onlyTouchNeeded");
     attribute->stamp = _modificationStamp;
@@ -552,14 +538,10 @@ Result<bool> NodeSystemImpl::EraseValue(const GNode& node, InternedId id, Change
     takeBack();
     return ChangeListWithDerived();
   }
-  Result<uint64_t> told = _class ? _class->AttributeChanged(*this, handle, id, flags, Data(), old)
-                                 : Result<uint64_t>(uint64_t{0});
-  if (!told) {
+  if (Result<void> told = _TellClass(handle, id, flags, Data(), old); !told) {
     takeBack();
     return std::move(told).GetError();
   }
-  if (*told & ToBits(MODIFIED::SPECIAL0)) _special0Stamp = _modificationStamp;
-  if (*told & ToBits(MODIFIED::SPECIAL1)) _special1Stamp = _modificationStamp;
   ORVIX_TRY_ASSIGN(attribute, _RefindRecord(info, id, flags));
   attribute->value = Data();
   ORVIX_TRY(NoteValueChanged(handle, id, flags, derived.Get(), info, attribute));
@@ -586,16 +568,7 @@ Result<void> NodeSystemImpl::SetSubData(const GNode& node, InternedId id,
   ORVIX_TRY_ASSIGN(NodeInfo * info, GetMutable(handle, NODE_KIND::NONE));
   ORVIX_TRY(_PrepareTable(info));
   bool inserted = false;
-  AttributeRecord* attribute = nullptr;
-  try {
-    attribute = &info->attributes->records.FindOrInsert(id, &inserted);
-  } catch (const std::bad_alloc&) {
-    return OutOfMemoryError();
-  }
-  if (inserted) {
-    attribute->derivedStamp =
-        HasDirectAndTransient(flags) ? AttributeRecord::NOT_DERIVED_ALT : AttributeRecord::NOT_DERIVED;
-  }
+  ORVIX_TRY_ASSIGN(AttributeRecord * attribute, _FindOrInsertRecord(info, id, flags, &inserted));
   Result<bool> changed = accessor.SetPart(attribute->value, keys, value, nullptr);
   if (!changed) {
     if (inserted) info->attributes->records.Erase(id);

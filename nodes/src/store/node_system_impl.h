@@ -153,6 +153,17 @@ class NodeSystemImpl final : public NodeSystem {
   // form does so for `port` and every port below it, and skips other ends
   // inside that subtree.
   Result<void> TouchConnectedPorts(const GNode& port);
+  // A port to mark after a walk, and what to mark it with.
+  struct PortTouch {
+    GNode port;
+    GNODE_FLAGS_IMPL bits;
+  };
+  // Adds the marks of TouchConnectedPorts for `port` to `touches`, leaving
+  // out the ports below `skipBelow` if it is given. Marking waits until the
+  // walks are done, since it fetches records for writing.
+  Result<void> CollectConnectedPorts(const GNode& port, const NodePath* skipBelow,
+                                     std::vector<PortTouch>& touches) const;
+  Result<void> MarkTouches(std::vector<PortTouch>& touches);
   Result<void> TouchConnectedPortsRecursive(const GNode& port);
   // Walks the connections that this system stores and checks that each is
   // seen from both of its ends alike: the published GetConnections of every
@@ -459,9 +470,16 @@ class NodeSystemImpl final : public NodeSystem {
   // copy if values of it may have been handed out (the old table is kept
   // alive until the modification ends).
   Result<AttributeTable*> _PrepareTable(NodeInfo* info);
+  // The record of `id` in `info`'s table (which must exist), inserted as a
+  // record that isn't derived if it is new.
+  Result<AttributeRecord*> _FindOrInsertRecord(NodeInfo* info, InternedId id,
+                                               ATTRIBUTE_FLAGS flags, bool* inserted);
   // The record of `id` in `info`'s own table after a call that may have
   // changed the table; made again if the call took it away.
   Result<AttributeRecord*> _RefindRecord(NodeInfo* info, InternedId id, ATTRIBUTE_FLAGS flags);
+  // Tells the class of a change and takes its word for the special stamps.
+  Result<void> _TellClass(const GNode& node, InternedId id, ATTRIBUTE_FLAGS flags,
+                          const Data& newValue, const Data& oldValue);
   // The flags and derived attribute of `id` by the class.
   ATTRIBUTE_FLAGS _AttributeFlags(InternedId id) const;
   Ref<DerivedAttribute> _DerivedAttribute(InternedId id) const;

@@ -65,24 +65,9 @@ Result<void> NodeSystemImpl::_RemoveSubtree(const GNode& node, const NodePath& t
   const bool isPort = HasAny(element.path.GetKindRaw(), NODE_KIND::PORT_MASK);
   if (isPort) {
     // The other ends lose a source or a target.
-    std::vector<std::pair<GNode, GFI>> touches;
-    ConnectionQuery query;
-    query.port = element;
-    query.callback = [&](ConnectionQuery& q) -> Result<bool> {
-      if (q.other.path.StartsWith(top)) return true;
-      try {
-        touches.emplace_back(q.other, q.direction == CONNECTION_DIRECTION::SOURCE
-                                          ? GFI::MODIFIED_TARGETS
-                                          : GFI::MODIFIED_SOURCES);
-      } catch (const std::bad_alloc&) {
-        return OutOfMemoryError();
-      }
-      return true;
-    };
-    ORVIX_TRY(GetConnections(ALL_WIRES_IMPLICIT_MASK,
-                             GET_CONNECTIONS_FLAGS::SOURCES | GET_CONNECTIONS_FLAGS::TARGETS, query,
-                             UNLIMITED_DEPTH));
-    for (auto& [other, bits] : touches) ORVIX_TRY(SetModified(other, bits));
+    std::vector<PortTouch> touches;
+    ORVIX_TRY(CollectConnectedPorts(element, &top, touches));
+    ORVIX_TRY(MarkTouches(touches));
   }
 
   if (element.system == this) {

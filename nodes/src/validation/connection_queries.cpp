@@ -468,19 +468,12 @@ Result<ConnectionData> NodeSystemImpl::ReadConnection(const GNode& source, const
   return result;
 }
 
-namespace {
-// A port to mark after a walk, and what to mark it with.
-struct Touch {
-  GNode port;
-  GFI bits;
-};
-}  // namespace
-
-Result<void> NodeSystemImpl::TouchConnectedPorts(const GNode& port) {
-  std::vector<Touch> touches;
+Result<void> NodeSystemImpl::CollectConnectedPorts(const GNode& port, const NodePath* skipBelow,
+                                                   std::vector<PortTouch>& touches) const {
   ConnectionQuery query;
   query.port = port;
-  query.callback = [&touches](ConnectionQuery& q) -> Result<bool> {
+  query.callback = [&](ConnectionQuery& q) -> Result<bool> {
+    if (skipBelow && q.other.path.StartsWith(*skipBelow)) return true;
     try {
       touches.push_back({q.other, q.direction == CONNECTION_DIRECTION::SOURCE
                                       ? GFI::MODIFIED_TARGETS
@@ -492,15 +485,25 @@ Result<void> NodeSystemImpl::TouchConnectedPorts(const GNode& port) {
   };
   ORVIX_TRY(GetConnections(ALL_WIRES_IMPLICIT_MASK, GCF::SOURCES | GCF::TARGETS, query,
                            UNLIMITED_DEPTH));
-  // Marking fetches records for writing; it waits until the walk is done.
-  for (Touch& touch : touches) ORVIX_TRY(SetModified(touch.port, touch.bits));
   return Ok();
+}
+
+Result<void> NodeSystemImpl::MarkTouches(std::vector<PortTouch>& touches) {
+  for (PortTouch& touch : touches) ORVIX_TRY(SetModified(touch.port, touch.bits));
+  return Ok();
+}
+
+Result<void> NodeSystemImpl::TouchConnectedPorts(const GNode& port) {
+  // Marking fetches records for writing; it waits until the walk is done.
+  std::vector<PortTouch> touches;
+  ORVIX_TRY(CollectConnectedPorts(port, nullptr, touches));
+  return MarkTouches(touches);
 }
 
 Result<void> NodeSystemImpl::TouchConnectedPortsRecursive(const GNode& port) {
   GNode top = port;
   ORVIX_TRY(Resolve(top));
-  std::vector<Touch> touches;
+  std::vector<PortTouch> touches;
   std::vector<GNode> pending;
   try {
     pending.push_back(top);
@@ -510,21 +513,7 @@ Result<void> NodeSystemImpl::TouchConnectedPortsRecursive(const GNode& port) {
   while (!pending.empty()) {
     GNode current = std::move(pending.back());
     pending.pop_back();
-    ConnectionQuery query;
-    query.port = current;
-    query.callback = [&](ConnectionQuery& q) -> Result<bool> {
-      if (q.other.path.StartsWith(top.path)) return true;
-      try {
-        touches.push_back({q.other, q.direction == CONNECTION_DIRECTION::SOURCE
-                                        ? GFI::MODIFIED_TARGETS
-                                        : GFI::MODIFIED_SOURCES});
-      } catch (const std::bad_alloc&) {
-        return OutOfMemoryError();
-      }
-      return true;
-    };
-    ORVIX_TRY(GetConnections(ALL_WIRES_IMPLICIT_MASK, GCF::SOURCES | GCF::TARGETS, query,
-                             UNLIMITED_DEPTH));
+    ORVIX_TRY(CollectConnectedPorts(current, &top.path, touches));
     ChildIterator it;
     StartChildren(it, current);
     for (InternedId id = NextChildId(it); id.IsPopulated(); id = NextChildId(it)) {
@@ -537,8 +526,7 @@ Result<void> NodeSystemImpl::TouchConnectedPortsRecursive(const GNode& port) {
       }
     }
   }
-  for (Touch& touch : touches) ORVIX_TRY(SetModified(touch.port, touch.bits));
-  return Ok();
+  return MarkTouches(touches);
 }
 
 // ---------------------------------------------------------------------------
