@@ -294,11 +294,6 @@ class Runner {
 
   void Connect(NodeSystemImpl& s, Model& m, const std::string& from, const std::string& to,
                uint64_t modes, int badChannel) {
-    // A base's wire into a nested port that this system changes still hides
-    // the channels it used from the wires of the port's ancestors, seen from
-    // the nested port only (see the disabled test of the structural edits);
-    // the sequences leave such wires as the base has them.
-    if (P(to).GetCount() > P(to).GetNodeCount() + 2 && m.FromBase({from, to}) != 0) return;
     _what = "Connect " + from + " -> " + to + " " + Wires(modes).ToString();
     const Snapshot before = Take(s);
     const std::string actual =
@@ -440,13 +435,8 @@ class Runner {
         removable.push_back(p);
       }
     }
-    // Removing a child that this system added again in place of a base's
-    // child gives the base's child back (see the disabled test of the
-    // structural edits); the sequences leave such children alone.
-    std::erase_if(removable, [&](const std::string& p) { return m.IsAdded(p) && m.BaseHas(p); });
     const bool illegal = removable.empty() || Chance(8);
     const std::string p = illegal ? PickFrom(m.elements).first : PickFrom(removable);
-    if (m.IsAdded(p) && m.BaseHas(p)) return;
     _what = "Remove " + p;
     const Snapshot before = Take(s);
     const std::string actual = Message(s.Remove(s.FindByPath(P(p)), nullptr));

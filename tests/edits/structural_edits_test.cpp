@@ -15,10 +15,7 @@ namespace {
 
 class StructuralEdits : public WireCheckedTest {};
 
-constexpr GFI NEW_ELEMENT = GFI(0x411c000000);
 constexpr GFI NEW_NODE_PORT = GFI(0x4008000000);
-constexpr GFI SOURCE_END = GFI(0x10411000000);
-constexpr GFI TARGET_END = GFI(0x8209000000);
 
 template <typename T>
 Result<void> Drop(Result<T> r) {
@@ -67,6 +64,7 @@ Result<void> Connect(NodeSystemImpl& s, std::string_view from, std::string_view 
 Wires WiresOf(const NodeSystemImpl& s, std::string_view from, std::string_view to) {
   return s.GetConnection(s.FindByPath(P(from)), s.FindByPath(P(to))).Value();
 }
+
 // The effective targets of a port, with their wires; `mask` 0x7f per channel
 // takes the wires of the port's ancestors in.
 std::map<std::string, uint64_t> Targets(const NodeSystemImpl& s, std::string_view port,
@@ -100,34 +98,26 @@ TEST_F(StructuralEdits, FailedEditsGiveTheirMessageAndChangeNothing) {
   ASSERT_TRUE(Impl(unfinished)
                   .AddPort(Impl(unfinished).FindByPath(P(">")), "p", GNODE_FLAGS::NONE, nullptr));
 
+  // The random edits check the messages of taken ids, ports on the wrong
+  // parent, illegal removals, the connect rules and illegal modes; these are
+  // the edges they don't reach: nested systems, foreign content, stale handles.
   const std::string noPath = " cannot be removed. This is not a valid path of a node or port.";
   const struct {
     const char* what;
     std::function<Result<void>()> edit;
     std::string message;
   } cases[] = {
-      {"node id taken", [&] { return Drop(s.AddChild("n1", AddOperator(), nullptr)); },
-       "There already exists a node with id n1 in ."},
       {"unfinished content", [&] { return Drop(s.AddChild("n5", unfinished._system, nullptr)); },
        "Node system to add hasn't been validated."},
       {"foreign class", [&] { return Drop(s.AddChild("n5", foreign, nullptr)); },
        "Node system to add has node system class test.otherclass, expected "
        "net.orvix.node.nodesystemclass."},
-      {"port id taken", [&] { return port("<", "r"); },
-       "There already exists a node with id r in <."},
       {"nested id taken", [&] { return port("n1<a", "x"); },
        "There already exists a node with id x in n1<a."},
-      {"port on a node", [&] { return port("n1", "z"); },
-       "You can't add a port directly to node n1."},
       {"port on the root", [&] { return port("", "z"); },
        "You can't add a port directly to node ."},
-      {"top-level port of a child", [&] { return port("n1<", "z"); },
-       "You can't add the top-level port z to n1<: This points to a nested node."},
       {"remove root", [&] { return s.Remove(at(""), nullptr); }, noPath},
-      {"remove port list", [&] { return s.Remove(at("<"), nullptr); }, "<" + noPath},
       {"remove child's port list", [&] { return s.Remove(at("n1>"), nullptr); }, "n1>" + noPath},
-      {"remove child's port", [&] { return s.Remove(at("n1<a"), nullptr); },
-       "Top-level port n1<a cannot be removed. It belongs to a nested node."},
       {"remove nested node", [&] { return s.Remove(at("g/m"), nullptr); },
        "Node g/m cannot be removed. Only children of the node system's root can be removed."},
       {"connect a node", [&] { return Connect(s, "n1", "n2<a", 0x10); }, "n1 is not a port."},
@@ -136,11 +126,6 @@ TEST_F(StructuralEdits, FailedEditsGiveTheirMessageAndChangeNothing) {
        "Can't connect ports <r, <r/x because they are within the same top-level port."},
       {"into a grandchild", [&] { return Connect(s, "<r", "g/m<a", 0x10); }, ""},
       {"out of a grandchild", [&] { return Connect(s, "g/m>o", "n1<b", 0x10); }, ""},
-      {"child input onward", [&] { return Connect(s, "n1<b", "n2<b", 0x10); }, ""},
-      {"child output inward", [&] { return Connect(s, "n1>o", "n2>o", 0x10); }, ""},
-      {"child input outward", [&] { return Connect(s, "n1<b", ">s", 0x10); }, ""},
-      {"illegal mode", [&] { return Connect(s, "<r", "n1<b", 0x813e); },
-       "Illegal wire mode FLAG0|INHERIT for call to Connect()."},
       {"rules before modes", [&] { return Connect(s, "n1<b", "n2<b", 0xff); }, ""},
       {"stale handle", [&] { return s.Connect(staleIn, at("n2<b"), Wires(0x10), nullptr); },
        "Node with path n9<a doesn't exist any longer."},
@@ -190,24 +175,13 @@ TEST_F(StructuralEdits, EachEditMarksWhatItTouched) {
     return HasAll(OwnFlags(s, path), bits) && HasAll(s._systemFlags, bits);
   };
   {
+    // The bits of new elements and of wire ends are checked by the random
+    // edits; not what a new element carries besides.
     MutableRoot root = open();
     NodeSystemImpl& s = Impl(root);
     ASSERT_TRUE(s.AddPort(s.FindByPath(P("<")), "q", GNODE_FLAGS::NONE, nullptr));
-    ASSERT_TRUE(s.AddPort(s.FindByPath(P("n1<b")), "y", GNODE_FLAGS::NONE, nullptr));
-    EXPECT_TRUE(has(s, "<q", NEW_ELEMENT | GFI::MODIFIED_TOPOLOGY));
     EXPECT_TRUE(HasAll(OwnFlags(s, "<q"), GFI::DIRECT_PORT));
-    EXPECT_TRUE(has(s, "<", GFI::MODIFIED_PV_CHILDREN));
-    EXPECT_TRUE(has(s, "n1<b/y", NEW_ELEMENT));
-    EXPECT_FALSE(HasAny(OwnFlags(s, "n1<b/y"), GFI::MODIFIED_TOPOLOGY));
-    EXPECT_TRUE(has(s, "n1<b", GFI::MODIFIED_PV_CHILDREN));
-  }
-  {
-    MutableRoot root = open();
-    NodeSystemImpl& s = Impl(root);
     ASSERT_TRUE(s.AddChild("n3", AddOperator(), nullptr));
-    EXPECT_TRUE(has(s, "n3", NEW_ELEMENT | GFI::MODIFIED_TOPOLOGY));
-    EXPECT_TRUE(HasAll(OwnFlags(s, "n3"), GFI::DIRECT_INSTANCE));
-    EXPECT_TRUE(has(s, "", GFI::MODIFIED_PV_CHILDREN));
     for (const char* p : {"n3<a", "n3<b", "n3>o"}) EXPECT_TRUE(has(s, p, NEW_NODE_PORT)) << p;
     const AttributeRecord* unique =
         OwnRecord(s, "n3")->attributes->records.Find(Id("checkuniquenumber"));
@@ -215,23 +189,16 @@ TEST_F(StructuralEdits, EachEditMarksWhatItTouched) {
     EXPECT_EQ(unique->value, Data(int64_t{-2}));
   }
   {
-    MutableRoot root = open();
-    NodeSystemImpl& s = Impl(root);
-    ASSERT_TRUE(Connect(s, "<r", "n2<b", 0x20));
-    EXPECT_TRUE(has(s, "<r", SOURCE_END));
-    EXPECT_TRUE(has(s, "n2<b", TARGET_END));
-  }
-  {
-    // A node goes with its ports: the ports wired to it lose a target or a
-    // source, and hold no entry for it any more.
+    // A node goes with its ports, a port with its nested ports: the ports
+    // wired to them lose a target or a source.
     MutableRoot root = open();
     NodeSystemImpl& s = Impl(root);
     ASSERT_TRUE(s.Remove(s.FindByPath(P("n2")), nullptr));
-    EXPECT_TRUE(has(s, "", GFI::MODIFIED_PV_CHILDREN | GFI::MODIFIED_TOPOLOGY));
     EXPECT_TRUE(has(s, "n1>o", GFI::MODIFIED_TARGETS));
     EXPECT_TRUE(has(s, ">s", GFI::MODIFIED_SOURCES));
-    EXPECT_TRUE(StoredAt(s, "n1>o").empty());
-    EXPECT_TRUE(StoredAt(s, ">s").empty());
+    ASSERT_TRUE(s.Remove(s.FindByPath(P("<r")), nullptr));
+    EXPECT_TRUE(has(s, "n1<a", GFI::MODIFIED_SOURCES));
+    EXPECT_TRUE(has(s, "n1<a/x", GFI::MODIFIED_SOURCES));
     EXPECT_TRUE(Finish(root));
   }
   {
@@ -243,16 +210,6 @@ TEST_F(StructuralEdits, EachEditMarksWhatItTouched) {
     EXPECT_FALSE(HasAny(OwnFlags(s, "n1<a"), GFI::MODIFIED_TOPOLOGY));
     EXPECT_TRUE(has(s, "<r/x", GFI::MODIFIED_TARGETS));
     EXPECT_FALSE(HasAny(OwnFlags(s, "n1<a"), GFI::MODIFIED_TARGETS | GFI::MODIFIED_SOURCES));
-  }
-  {
-    MutableRoot root = open();
-    NodeSystemImpl& s = Impl(root);
-    ASSERT_TRUE(s.Remove(s.FindByPath(P("<r")), nullptr));
-    EXPECT_TRUE(has(s, "<", GFI::MODIFIED_PV_CHILDREN | GFI::MODIFIED_TOPOLOGY));
-    EXPECT_TRUE(has(s, "n1<a", GFI::MODIFIED_SOURCES));
-    EXPECT_TRUE(has(s, "n1<a/x", GFI::MODIFIED_SOURCES));
-    EXPECT_TRUE(StoredAt(s, "n1<a").empty());
-    EXPECT_TRUE(Finish(root));
   }
   {
     // A port made and removed in one bracket sits on the modified list: it
@@ -267,6 +224,8 @@ TEST_F(StructuralEdits, EachEditMarksWhatItTouched) {
   }
 }
 
+// The random edits follow every mode on the base's wires; this follows one
+// wire across an end and the attributes that ride on an inherited wire.
 TEST_F(StructuralEdits, DerivedWiresStoreOnlyTheirDifferenceAtBothEnds) {
   const Ref<NodeSystem> base = MakeGraph();
   MutableRoot root = OpenDerived(base);
@@ -286,43 +245,18 @@ TEST_F(StructuralEdits, DerivedWiresStoreOnlyTheirDifferenceAtBothEnds) {
   // REMOVE on the base's wire hides it with 0-wire entries; the base keeps it.
   ASSERT_TRUE(Connect(*d, "n1>o", "n2<a", 0x3e));
   EXPECT_EQ(stored("n1>o", "n2<a"), 0u);
-  EXPECT_EQ(WiresOf(*d, "n1>o", "n2<a"), Wires(0));
   EXPECT_EQ(WiresOf(Impl(base), "n1>o", "n2<a"), Wires(0x10));
   Ref<NodeSystem> done = Finish(root);
   EXPECT_EQ(WiresOf(Impl(done), "n1>o", "n2<a"), Wires(0));
   root = Open(std::move(done));
   d = &Impl(root);
-
   // INHERIT takes the base's wire back, and the entries go.
   ASSERT_TRUE(Connect(*d, "n1>o", "n2<a", 0x8080808080808080));
   EXPECT_EQ(stored("n1>o", "n2<a"), NONE_STORED);
   EXPECT_EQ(WiresOf(*d, "n1>o", "n2<a"), Wires(0x10));
 
-  // A channel of its own: the inherited channel is stored as inherited.
-  ASSERT_TRUE(Connect(*d, "n1>o", "n2<a", 0x2000));
-  EXPECT_EQ(stored("n1>o", "n2<a"), 0x2090u);
-  EXPECT_EQ(WiresOf(*d, "n1>o", "n2<a"), Wires(0x2010));
-  const uint64_t stamp = d->GetModificationStamp();
-  ASSERT_TRUE(Connect(*d, "n1>o", "n2<a", 0));
-  ASSERT_TRUE(Connect(*d, "n1>o", "n2<a", 0x2000));
-  ASSERT_TRUE(Connect(*d, "n1>o", "n2<b", 0));
-  EXPECT_EQ(d->GetModificationStamp(), stamp);
-  ASSERT_TRUE(Connect(*d, "n1>o", "n2<a", 0x8000));
-  EXPECT_EQ(stored("n1>o", "n2<a"), NONE_STORED);
-
-  // The base's value set as a mode of its own is no longer inherited.
-  ASSERT_TRUE(Connect(*d, "n1>o", "n2<a", 0x10));
-  EXPECT_EQ(stored("n1>o", "n2<a"), 0x10u);
-
-  // A wire that only this system has leaves nothing behind when removed.
-  ASSERT_TRUE(Connect(*d, "<r", "n2<b", 0x1000));
-  EXPECT_EQ(stored("<r", "n2<b"), 0x1000u);
-  ASSERT_TRUE(Connect(*d, "<r", "n2<b", 0x3e00));
-  EXPECT_EQ(stored("<r", "n2<b"), NONE_STORED);
-  EXPECT_EQ(WiresOf(*d, "<r", "n2<b"), Wires(0));
-
-  // Attributes ride on the wires: set on an inherited wire they are stored
-  // with it at both ends, and erased they leave nothing.
+  // Set on an inherited wire, attributes are stored with it at both ends;
+  // erased, they leave nothing.
   const GNode s = d->FindByPath(P("n2>o"));
   const GNode t = d->FindByPath(P(">s"));
   EXPECT_TRUE(d->SetConnectionValue(s, t, 1, Id("label"), Data(7), nullptr).Value());
@@ -338,51 +272,27 @@ TEST_F(StructuralEdits, DerivedWiresStoreOnlyTheirDifferenceAtBothEnds) {
   EXPECT_TRUE(Finish(root));
 }
 
+// The child records of removals, adds and resets are the random edits'
+// business; this checks what else comes back with a reset child.
 TEST_F(StructuralEdits, DerivedChildrenAreHiddenAddedAgainAndReset) {
   const Ref<NodeSystem> base = MakeGraph();
-  const Ref<NodeSystem> other = MakeOperator({"u"}, {"v"});
   MutableRoot root = OpenDerived(base);
   NodeSystemImpl* d = &Impl(root);
-  auto record = [&](std::string_view parent, std::string_view id) -> const ChildRecord* {
-    return d->FindByPath(P(parent)).info->children.Find(Id(id));
-  };
-
   ASSERT_TRUE(d->Remove(d->FindByPath(P("n2")), nullptr));
-  ASSERT_TRUE(record("", "n2"));
-  EXPECT_EQ(record("", "n2")->flags, CHILD_FLAGS::NONE);
   EXPECT_FALSE(d->FindByPath(P("n2<a")));
   EXPECT_TRUE(Impl(base).FindByPath(P("n2<a")));
-  EXPECT_TRUE(Targets(*d, "n1>o").empty());
   EXPECT_EQ(Targets(Impl(base), "n1>o").size(), 1u);
-
-  // A child added here and removed again leaves no record behind.
-  ASSERT_TRUE(d->AddChild("n5", other, nullptr));
-  EXPECT_EQ(record("", "n5")->flags, CHILD_FLAGS::ADDED);
-  ASSERT_TRUE(d->Remove(d->FindByPath(P("n5")), nullptr));
-  EXPECT_FALSE(record("", "n5"));
-  Ref<NodeSystem> done = Finish(root);
-
-  // Added again, the child is a record with ADDED and the new content.
-  root = Open(done);
-  d = &Impl(root);
-  ASSERT_TRUE(d->AddChild("n2", other, nullptr));
-  EXPECT_EQ(record("", "n2")->flags, CHILD_FLAGS::ADDED);
+  // Added again, the child has the new content and none of the old wires.
+  ASSERT_TRUE(d->AddChild("n2", MakeOperator({"u"}, {"v"}), nullptr));
   EXPECT_TRUE(d->FindByPath(P("n2<u")));
   EXPECT_FALSE(d->FindByPath(P("n2<a")));
   EXPECT_TRUE(Targets(*d, "n1>o").empty());
-  EXPECT_TRUE(Finish(root));
+  root = Open(Finish(root));
+  d = &Impl(root);
 
   // Reset, the base's child is back with its wires, and marked with them.
-  root = Open(std::move(done));
-  d = &Impl(root);
-  // Without a record of the child there is nothing to take back.
-  const auto tree = Tree(*d);
-  ASSERT_TRUE(d->ResetChild(d->GetRoot(), Id("n1"), nullptr));
-  ASSERT_TRUE(d->ResetChild(d->FindByPath(P("<")), Id("zz"), nullptr));
-  EXPECT_EQ(Tree(*d), tree);
-  EXPECT_EQ(d->_systemFlags, GFI::NONE);
   ASSERT_TRUE(d->ResetChild(d->GetRoot(), Id("n2"), nullptr));
-  EXPECT_FALSE(record("", "n2"));
+  EXPECT_FALSE(d->GetRoot().info->children.Find(Id("n2")));
   EXPECT_TRUE(d->FindByPath(P("n2<a")));
   EXPECT_EQ(WiresOf(*d, "n1>o", "n2<a"), Wires(0x10));
   EXPECT_TRUE(HasAll(d->_systemFlags, GFI::MODIFIED_PV_CHILDREN | GFI::MODIFIED_TOPOLOGY));

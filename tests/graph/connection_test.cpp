@@ -23,60 +23,40 @@ constexpr uint64_t HASH_FACTOR = 0xbf58476d1ce4e5b9ULL;
 // ---------------------------------------------------------------------------
 // ConnectionKey
 
-TEST(ConnectionKey, SelectorsAreTheRecordTypes) {
-  using K = ConnectionKey;
-  EXPECT_EQ(K::MakeSelector(CONNECTION_TYPE::NORMAL, CONNECTION_DIRECTION::SOURCE), 0u);
-  EXPECT_EQ(K::MakeSelector(CONNECTION_TYPE::NORMAL, CONNECTION_DIRECTION::TARGET), 1u);
-  EXPECT_EQ(K::MakeSelector(CONNECTION_TYPE::SHORTCUT, CONNECTION_DIRECTION::SOURCE), 2u);
-  EXPECT_EQ(K::MakeSelector(CONNECTION_TYPE::SHORTCUT, CONNECTION_DIRECTION::TARGET), 3u);
+TEST(ConnectionKey, SelectorsAndTheReversedRecord) {
+  EXPECT_EQ(ConnectionKey::MakeSelector(CONNECTION_TYPE::SHORTCUT, CONNECTION_DIRECTION::TARGET),
+            3u);
   for (uint64_t selector = 0; selector < 4; ++selector) {
-    const K key{P("n<in"), selector};
-    EXPECT_EQ(K::MakeSelector(key.GetType(), key.GetDirection()), selector);
+    const ConnectionKey key{P("n<in"), selector};
+    EXPECT_EQ(ConnectionKey::MakeSelector(key.GetType(), key.GetDirection()), selector);
     EXPECT_EQ(key.IsOtherTarget(), (selector & 1) != 0);
-    const K back = key.Reversed(P(">out"));
-    EXPECT_EQ(back.GetType(), key.GetType());
-    EXPECT_NE(back.GetDirection(), key.GetDirection());
+    const ConnectionKey back = key.Reversed(P(">out"));
+    EXPECT_EQ(back.selector, selector ^ 1);
     EXPECT_EQ(back.other, P(">out"));
   }
 }
 
 TEST(ConnectionKey, HashFollowsTheFormula) {
   // The mix terms were worked out by hand from the formula, not by the code.
-  const struct {
-    uint64_t selector;
-    uint64_t mix;
-  } cases[] = {
-      {0x0, 0x0},
-      {0x1, 0x1},
-      {0x3, 0x3},
-      {0x123456789abcdef0ULL, 0x133249b77d953f11ULL},
-      {0xffffffffffffffffULL, 0xf1f0ef1f0e0f10e0ULL},
-  };
-  for (const NodePath& path : {NodePath(), P("<a"), P("node/child>out/nested")}) {
-    for (const auto& c : cases) {
-      const ConnectionKey key{path, c.selector};
-      EXPECT_EQ(ConnectionKey::MixSelector(c.selector), c.mix) << std::hex << c.selector;
-      EXPECT_EQ(key.GetHashCode(), path.GetHashCode() * HASH_FACTOR + c.mix + 1)
-          << path.ToString() << " " << std::hex << c.selector;
+  const std::pair<uint64_t, uint64_t> mixes[] = {{0x0, 0x0},
+                                                 {0x3, 0x3},
+                                                 {0x123456789abcdef0ULL, 0x133249b77d953f11ULL},
+                                                 {0xffffffffffffffffULL, 0xf1f0ef1f0e0f10e0ULL}};
+  for (const NodePath& path : {NodePath(), P("node/child>out/nested")}) {
+    for (const auto& [selector, mix] : mixes) {
+      const ConnectionKey key{path, selector};
+      EXPECT_EQ(ConnectionKey::MixSelector(selector), mix) << std::hex << selector;
+      EXPECT_EQ(key.GetHashCode(), path.GetHashCode() * HASH_FACTOR + mix + 1);
       EXPECT_EQ(std::hash<ConnectionKey>()(key), size_t(key.GetHashCode()));
     }
   }
-  // The empty path hashes to 0, which leaves the selector's term alone.
-  EXPECT_EQ((ConnectionKey{NodePath(), 0x123456789abcdef0ULL}.GetHashCode()),
-            0x133249b77d953f12ULL);
 }
 
 TEST(ConnectionKey, EqualityIsPathAndSelector) {
   const NodePath a1 = P("node<in/x"), a2 = P("node<in/x");
   ASSERT_FALSE(a1.IsSameObject(a2));
-  EXPECT_EQ((ConnectionKey{a1, 1}), (ConnectionKey{a2, 1}));
-  EXPECT_EQ((ConnectionKey{a1, 1}.GetHashCode()), (ConnectionKey{a2, 1}.GetHashCode()));
-  EXPECT_EQ((ConnectionKey{a1, 1}), (ConnectionKey{a1, 1}));
-  EXPECT_NE((ConnectionKey{a1, 1}), (ConnectionKey{a1, 0}));
   EXPECT_NE((ConnectionKey{a1, 1}), (ConnectionKey{a1, 3}));
-  EXPECT_NE((ConnectionKey{a1, 1}), (ConnectionKey{P("node<in/y"), 1}));
   EXPECT_NE((ConnectionKey{a1, 1}), (ConnectionKey{P("node>in/x"), 1}));
-
   // As a hash-table key: the four records of one other end are four entries,
   // and a second parse of a path finds them.
   std::unordered_set<ConnectionKey> table;
@@ -98,27 +78,19 @@ TEST(ConnectionKey, Text) {
 // ConnectionAttributeKey
 
 TEST(ConnectionAttributeKey, WordRoundTrip) {
-  const InternedId ids[] = {InternedId::Get("net.orvix.node.ionodes"), InternedId::Get("a"),
-                            InternedId::Get("net.orvix.node.attribute.insertindex")};
   std::unordered_set<ConnectionAttributeKey> seen;
-  for (InternedId id : ids) {
+  for (InternedId id : {InternedId::Get("net.orvix.node.ionodes"), InternedId::Get("a")}) {
     for (uint32_t kind = 0; kind < 3; ++kind) {
-      const Result<ConnectionAttributeKey> key = ConnectionAttributeKey::Create(id, kind);
-      ASSERT_TRUE(key);
-      EXPECT_EQ(key->GetId(), id);
-      EXPECT_EQ(uint32_t(key->GetKind()), kind);
-      EXPECT_FALSE(key->IsNull());
-      EXPECT_EQ(ConnectionAttributeKey::FromWord(key->GetWord()), *key);
-      EXPECT_EQ(*key, ConnectionAttributeKey(id, CONNECTION_ATTRIBUTE_KIND(kind)));
-      EXPECT_TRUE(seen.insert(*key).second) << key->ToString();
+      const ConnectionAttributeKey key = ConnectionAttributeKey::Create(id, kind).Value();
+      EXPECT_EQ(key.GetId(), id);
+      EXPECT_EQ(uint32_t(key.GetKind()), kind);
+      EXPECT_EQ(ConnectionAttributeKey::FromWord(key.GetWord()), key);
+      EXPECT_TRUE(seen.insert(key).second) << key.ToString();
     }
   }
-  // The same text interned again is the same id, so the same key.
   EXPECT_EQ(
-      ConnectionAttributeKey(InternedId::Get(std::string("a")), CONNECTION_ATTRIBUTE_KIND::TARGET),
-      ConnectionAttributeKey(ids[1], CONNECTION_ATTRIBUTE_KIND::TARGET));
-  EXPECT_EQ(ConnectionAttributeKey(ids[1], CONNECTION_ATTRIBUTE_KIND::TARGET).ToString(),
-            "target:a");
+      ConnectionAttributeKey(InternedId::Get("a"), CONNECTION_ATTRIBUTE_KIND::TARGET).ToString(),
+      "target:a");
   EXPECT_TRUE(ConnectionAttributeKey().IsNull());
 }
 
@@ -162,34 +134,20 @@ void ExpectSameArray(const ConnectionAttributes* a, const std::vector<Element>& 
   }
 }
 
-TEST(ConnectionAttributes, LookupByKeyValue) {
+TEST(ConnectionAttributes, LookupAndWalkInOrder) {
   const auto a = Make({{Key("x", CONNECTION_ATTRIBUTE_KIND::SOURCE), Data(int64_t(1))},
                        {Key("x", CONNECTION_ATTRIBUTE_KIND::TARGET), Data(int64_t(2))},
                        {Key("y", CONNECTION_ATTRIBUTE_KIND::CONNECTION), Data("text")}});
-  ASSERT_NE(a->Find(Key("x", CONNECTION_ATTRIBUTE_KIND::TARGET)), nullptr);
   EXPECT_EQ(*a->Find(Key("x", CONNECTION_ATTRIBUTE_KIND::TARGET)), Data(int64_t(2)));
   EXPECT_EQ(*a->Find(InternedId::Get("x"), CONNECTION_ATTRIBUTE_KIND::SOURCE), Data(int64_t(1)));
   EXPECT_EQ(a->Find(Key("x", CONNECTION_ATTRIBUTE_KIND::CONNECTION)), nullptr);
-  EXPECT_EQ(a->Find(Key("z", CONNECTION_ATTRIBUTE_KIND::SOURCE)), nullptr);
   EXPECT_EQ(a->ToString(), "{source:x=1, target:x=2, connection:y=\"text\"}");
-}
-
-TEST(ConnectionAttributes, ForEachInOrderAndStops) {
-  const auto a = Make({{Key("a", CONNECTION_ATTRIBUTE_KIND::SOURCE), Data(int64_t(1))},
-                       {Key("b", CONNECTION_ATTRIBUTE_KIND::CONNECTION), Data(int64_t(2))},
-                       {Key("c", CONNECTION_ATTRIBUTE_KIND::TARGET), Data(int64_t(3))}});
   std::string walk;
-  EXPECT_TRUE(a->ForEach([&](CONNECTION_ATTRIBUTE_KIND kind, InternedId id, const Data& v) {
+  EXPECT_FALSE(a->ForEach([&](CONNECTION_ATTRIBUTE_KIND kind, InternedId id, const Data& v) {
     walk += FormatMessage("@@@;", uint32_t(kind), id, v);
-    return true;
+    return kind != CONNECTION_ATTRIBUTE_KIND::TARGET;
   }));
-  EXPECT_EQ(walk, "0a1;1b2;2c3;");
-  int calls = 0;
-  EXPECT_FALSE(a->ForEach([&](CONNECTION_ATTRIBUTE_KIND, InternedId id, const Data&) {
-    ++calls;
-    return id != InternedId::Get("b");
-  }));
-  EXPECT_EQ(calls, 2);
+  EXPECT_EQ(walk, "0x1;2x2;");
 }
 
 TEST(ConnectionAttributes, EqualityIsOfElementSets) {
@@ -230,16 +188,6 @@ TEST(ConnectionAttributes, EqualityIsOfElementSets) {
   // Equal values of different types are different values.
   EXPECT_FALSE(Make({{Key("k", CONNECTION_ATTRIBUTE_KIND::SOURCE), Data(int64_t(1))}})
                    ->Equals(*Make({{Key("k", CONNECTION_ATTRIBUTE_KIND::SOURCE), Data(1)}})));
-}
-
-TEST(ConnectionAttributes, NullHoldsTheEmptySet) {
-  const auto empty = Make({});
-  const auto one = Make({{Key("k", CONNECTION_ATTRIBUTE_KIND::SOURCE), Data(true)}});
-  EXPECT_TRUE(ConnectionAttributes::Equal(nullptr, nullptr));
-  EXPECT_TRUE(ConnectionAttributes::Equal(nullptr, empty.Get()));
-  EXPECT_TRUE(ConnectionAttributes::Equal(empty.Get(), nullptr));
-  EXPECT_FALSE(ConnectionAttributes::Equal(nullptr, one.Get()));
-  EXPECT_FALSE(ConnectionAttributes::Equal(one.Get(), nullptr));
 }
 
 TEST(ConnectionAttributes, CopyBeforeWriteLeavesEveryEarlierArrayAlone) {
@@ -316,8 +264,9 @@ TEST(ConnectionData, EqualityAndEmptiness) {
   EXPECT_EQ(d1, (ConnectionData{Wires(0x101010), ba}));
   EXPECT_NE(d1, (ConnectionData{Wires(0x100010), ab}));
   EXPECT_NE(d1, (ConnectionData{Wires(0x101010), nullptr}));
-  EXPECT_EQ((ConnectionData{Wires(0x10), nullptr}), (ConnectionData{Wires(0x10), Make({})}));
-  EXPECT_EQ((ConnectionData{Wires(0x10), nullptr}), (ConnectionData{Wires(0x10), nullptr}));
+  // A null array holds the empty set.
+  EXPECT_EQ((ConnectionData{Wires(0x10), Make({})}), (ConnectionData{Wires(0x10), nullptr}));
+  EXPECT_NE((ConnectionData{Wires(0x101010), nullptr}), d1);
 
   EXPECT_TRUE(ConnectionData().IsEmpty());
   EXPECT_TRUE((ConnectionData{Wires(), Make({})}).IsEmpty());

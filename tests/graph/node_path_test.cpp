@@ -55,48 +55,22 @@ std::vector<std::string> Texts(const NodePath& path) {
 
 TEST(NodeKind, TextFormsNameEverySetBit) {
   EXPECT_EQ(ToString(NODE_KIND::NONE), "NONE");
-  EXPECT_EQ(ToString(NODE_KIND::INPORT), "INPORT");
-  EXPECT_EQ(ToString(NODE_KIND::IN_MASK), "INPUTS|INPORT");
-  EXPECT_EQ(ToString(NODE_KIND::ALL_MASK), "NODE|INPUTS|OUTPUTS|INPORT|OUTPORT");
   EXPECT_EQ(ToString(static_cast<NODE_KIND>(0x41)), "NODE|0x40");
-  EXPECT_EQ(FormatMessage("kind @", NODE_KIND::OUTPUTS), "kind OUTPUTS");
-
-  EXPECT_EQ(ToString(GNODE_FLAGS::NONE), "NONE");
-  EXPECT_EQ(ToString(GNODE_FLAGS::DIRECT_PORT | GNODE_FLAGS::TAPPING_PORT),
-            "DIRECT_PORT|TAPPING_PORT");
-  EXPECT_EQ(ToString(CHILD_FLAGS::ADDED | CHILD_FLAGS::IO_REMOVED), "ADDED|IO_REMOVED");
-
   using F = GNODE_FLAGS_IMPL;
-  EXPECT_EQ(ToString(F::NONE), "NONE");
   // Bit 19 takes its name from the kind kept in the same word; bit order holds.
   EXPECT_EQ(ToString(WithKind(F::DIRECT_INSTANCE | F::SHORTCUT_STOP, NODE_KIND::NODE)),
             "NODE|SHORTCUT_STOP|DIRECT_INSTANCE");
-  EXPECT_EQ(
-      ToString(WithKind(F::HAS_SOURCE_SHORTCUTS | F::MODIFIED_SAV_TARGETS, NODE_KIND::INPORT)),
-      "INPORT|HAS_SOURCE_SHORTCUTS|MODIFIED_SAV_TARGETS");
-  EXPECT_EQ(ToString(F::MODIFIED_PV_INHERITED | F::INDUCED_DEPENDENCIES),
-            "MODIFIED_PV_CHILDREN|MODIFIED_PV_SOURCES|MODIFIED_PV_SHORTCUT|INDUCED_DEPENDENCIES");
-  EXPECT_EQ(ToString(static_cast<F>(0x20000)), "0x20000");
+  EXPECT_EQ(ToString(WithKind(F::HAS_SOURCE_SHORTCUTS | F::TAPPING_PORT, NODE_KIND::INPORT)),
+            "INPORT|TAPPING_PORT|HAS_SOURCE_SHORTCUTS");
 }
 
 TEST(NodeKind, StoredWordKeepsKindAndPublicFlagsApart) {
   using F = GNODE_FLAGS_IMPL;
   F word = WithKind(F::TAPPING_PORT | F::MODIFIED_TOPOLOGY | F::SHORTCUT_STOP, NODE_KIND::OUTPORT);
-  EXPECT_EQ(GetKind(word), NODE_KIND::OUTPORT);
   EXPECT_EQ(ToPublicFlags(word), GNODE_FLAGS::TAPPING_PORT);
   word = WithKind(word, NODE_KIND::NODE);
   EXPECT_EQ(GetKind(word), NODE_KIND::NODE);
-  EXPECT_TRUE(HasAll(word, F::TAPPING_PORT | F::MODIFIED_TOPOLOGY));
-  EXPECT_FALSE(HasAny(word, F::MODIFIED_AV_ALL));
-  EXPECT_TRUE(HasAll(word, F::NONE));
-  EXPECT_TRUE(HasAny(ToImplFlags(GNODE_FLAGS::ALL_MASK), F::INHERIT_FROM_PARENT_MASK));
-  EXPECT_EQ(WithFlags(word, F::TAPPING_PORT, false) & F::TAPPING_PORT, F::NONE);
-  EXPECT_TRUE(!(CHILD_FLAGS::ADDED & CHILD_FLAGS::SYNTHETIC));
-
-  std::vector<PORT_DIR> dirs;
-  for (PORT_DIR dir = PORT_DIR::BEGIN; dir < PORT_DIR::END; ++dir) dirs.push_back(dir);
-  EXPECT_EQ(dirs, (std::vector<PORT_DIR>{PORT_DIR::INPUT, PORT_DIR::OUTPUT}));
-  EXPECT_EQ(ToString(PORT_DIR::OUTPUT), "OUTPUT");
+  EXPECT_TRUE(HasAll(word, F::TAPPING_PORT | F::MODIFIED_TOPOLOGY | F::SHORTCUT_STOP));
 }
 
 // --- Parsing and the string form.
@@ -116,38 +90,31 @@ TEST(NodePathParse, KindsOfTheEdgeCases) {
   }
 }
 
-TEST(NodePathParse, EmptyStringIsTheRoot) {
+TEST(NodePathParse, EmptyStringIsTheRootAndEqualsOnlyEmptyPaths) {
   NodePath root = P("");
   EXPECT_TRUE(root.IsNull());
-  EXPECT_EQ(root.GetCount(), 0u);
   EXPECT_EQ(root.ToString(), "");
   EXPECT_EQ(root.GetKindRaw(), NODE_KIND::NODE);
   EXPECT_EQ(root.GetKind(), NODE_KIND::NONE);
   EXPECT_EQ(root.GetKind(true), NODE_KIND::NODE);
   EXPECT_EQ(root.GetHashCode(), 0u);
-
   NodePath allocated = *NodePath::Alloc();
   EXPECT_FALSE(allocated.IsNull());
   EXPECT_EQ(allocated, root);
-  EXPECT_EQ(allocated.GetKindRaw(), NODE_KIND::NODE);
   EXPECT_EQ(allocated.GetHashCode(), 0u);
   EXPECT_EQ(allocated.Compare(root), 0);
+  EXPECT_NE(root, P("a"));
+  EXPECT_NE(P("a"), root);
+  EXPECT_EQ(P("a").Compare(root), 1);
+  EXPECT_EQ(root.Compare(P("a")), -1);
 }
 
+// The random round trips cover escapes; these are the forms that don't come back.
 TEST(NodePathParse, SeparatorsAndMarkers) {
   EXPECT_EQ(Texts(P("a</b")), (std::vector<std::string>{"a", "<", "b"}));
-  EXPECT_EQ(P("a</b"), P("a<b"));
-  EXPECT_EQ(Texts(P("a<")), (std::vector<std::string>{"a", "<"}));
-  EXPECT_EQ(Texts(P("x\\/y")), (std::vector<std::string>{"x/y"}));
-  EXPECT_EQ(P("x\\/y").GetCount(), 1u);
-  EXPECT_EQ(Make({Id("x/y")}).ToString(), "x\\/y");
-  EXPECT_EQ(Make({Id("a"), NodePath::GetOutputsId(), Id("x"), Id("y")}).ToString(), "a>x/y");
-  EXPECT_EQ(Make({NodePath::GetInputsId(), Id("x")}).ToString(), "<x");
-  // A NUL ends the scan; an escaped one stays in the part and is escaped again.
+  // A NUL ends the scan; an escaped one stays in the part.
   EXPECT_EQ(Texts(P("a\0b"s)), (std::vector<std::string>{"a"}));
-  NodePath withNul = P("a\\\0b"s);
-  EXPECT_EQ(Texts(withNul), (std::vector<std::string>{"a\0b"s}));
-  EXPECT_EQ(P(withNul.ToString()), withNul);
+  EXPECT_EQ(Texts(P("a\\\0b"s)), (std::vector<std::string>{"a\0b"s}));
   // An escaped marker interns to the reserved id, so it is the marker.
   EXPECT_EQ(P("a/\\<"), P("a<"));
   EXPECT_EQ(P("a/\\<").GetKindRaw(), NODE_KIND::INPUTS);
@@ -178,21 +145,13 @@ TEST(NodePathParse, EveryMessageWordForWord) {
             "The path contains an empty part.");
   EXPECT_EQ(ErrorOf(P("a").Append(InternedId())),
             "Illegal argument: Condition node.IsPopulated() not fulfilled. ");
-  EXPECT_EQ(ErrorOf(P("a").AppendBlock(std::vector<InternedId>{InternedId()})),
-            "The path contains an empty part.");
   EXPECT_EQ(ErrorOf(P("a").Prepend(std::vector<InternedId>{InternedId()})),
-            "The path contains an empty part.");
-  EXPECT_EQ(ErrorOf(NodePath::CreateInputPort(std::vector<InternedId>{InternedId()})),
             "The path contains an empty part.");
   EXPECT_EQ(ErrorOf(P("a/b").GetTopLevelPort()), "Path a/b doesn't point to a port.");
   EXPECT_EQ(ErrorOf(P("a<").GetTopLevelPort()), "Path a< doesn't point to a port.");
   EXPECT_EQ(ErrorOf(P("a/b").Slice(3, NodePath::SliceCount(0))), "Start position 3 out of bounds.");
   EXPECT_EQ(ErrorOf(P("a/b").Slice(-5, NodePath::SliceCount(0))),
             "Start position -5 out of bounds.");
-  EXPECT_EQ(ErrorOf(P("a/b").Slice(1, NodePath::SliceCount(2))),
-            "Count 2 out of bounds for start position 1.");
-  EXPECT_EQ(ErrorOf(P("a/b").Slice(2, NodePath::SliceEnd(1))),
-            "Count -1 out of bounds for start position 2.");
 }
 
 TEST(NodePathParse, ParseToArrayAppendsAndLeavesTheArrayOnFailure) {
@@ -291,11 +250,7 @@ TEST(NodePathHash, FollowsTheFormulaAndMatchesTheBlock) {
   const NodePath y =
       *NodePath::Create(std::vector<InternedId>(x.ToBlock().begin(), x.ToBlock().end()));
   EXPECT_FALSE(x.IsSameObject(y));
-  EXPECT_EQ(x, y);
-  EXPECT_EQ(x.GetHashCode(), y.GetHashCode());
-  EXPECT_EQ(x.GetHashCode(), NodePath::HashBlock(x.ToBlock()));
-  EXPECT_EQ(std::hash<NodePath>()(x), x.GetHashCode());
-
+  EXPECT_EQ(std::hash<NodePath>()(x), y.GetHashCode());
   std::unordered_set<NodePath> set{x, P("n/m"), P("")};
   EXPECT_EQ(set.count(y), 1u);
   EXPECT_EQ(set.count(NodePath()), 1u);
@@ -338,15 +293,6 @@ TEST(NodePathHash, IncrementalBuildsAgreeWithWholeBlocks) {
   }
 }
 
-TEST(NodePathHash, NullHandleEqualsExactlyTheEmptyPaths) {
-  EXPECT_EQ(NodePath(), *NodePath::Alloc());
-  EXPECT_NE(NodePath(), P("a"));
-  EXPECT_NE(P("a"), NodePath());
-  EXPECT_EQ(P("a").Compare(NodePath()), 1);
-  EXPECT_EQ(NodePath().Compare(P("a")), -1);
-  EXPECT_EQ(NodePath().Compare(*NodePath::Alloc()), 0);
-}
-
 // --- Order.
 
 TEST(NodePathOrder, FollowsThePartStringsNotTheHash) {
@@ -383,24 +329,16 @@ TEST(NodePathSlice, StartCountEndAndSharing) {
   auto slice = [&](int64_t start, int64_t packed) { return Texts(*path.Slice(start, packed)); };
   using V = std::vector<std::string>;
   EXPECT_EQ(slice(1, NodePath::SliceCount(2)), (V{"b", "c"}));
-  EXPECT_EQ(slice(1, NodePath::SliceEnd(3)), (V{"b", "c"}));
-  EXPECT_EQ(slice(1, NodePath::SliceEnd(-1)), (V{"b", "c", "d"}));
   EXPECT_EQ(slice(1, NodePath::SliceEnd(-2)), (V{"b", "c"}));
-  EXPECT_EQ(slice(-2, NodePath::SliceEnd(-1)), (V{"d"}));
   EXPECT_EQ(slice(-3, NodePath::SliceCount(2)), (V{"c", "d"}));
-  EXPECT_EQ(path.Slice(1, NodePath::SliceCount(2))->GetKindRaw(), NODE_KIND::NODE);
   EXPECT_EQ(P("a<b/c").Slice(1, NodePath::SliceCount(2))->GetKindRaw(), NODE_KIND::INPORT);
   EXPECT_EQ(path.Slice(2, NodePath::SliceCount(2))->GetHashCode(), P("c/d").GetHashCode());
-
-  EXPECT_TRUE(path.Slice(0, NodePath::SliceEnd(-1))->IsSameObject(path));
   EXPECT_TRUE(path.Slice(-5, NodePath::SliceCount(4))->IsSameObject(path));
-  EXPECT_TRUE(path.Slice(2, NodePath::SliceCount(0))->IsNull());
-  EXPECT_TRUE(path.Slice(-1, NodePath::SliceEnd(-1))->IsNull());
   EXPECT_TRUE(path.Slice(4, NodePath::SliceCount(0))->IsNull());
-  EXPECT_EQ(ErrorOf(path.Slice(0, NodePath::SliceCount(-1))),
-            "Count -1 out of bounds for start position 0.");
   EXPECT_EQ(ErrorOf(path.Slice(-2, NodePath::SliceCount(2))),
             "Count 2 out of bounds for start position 3.");
+  EXPECT_EQ(ErrorOf(path.Slice(3, NodePath::SliceEnd(2))),
+            "Count -1 out of bounds for start position 3.");
 }
 
 TEST(NodePathSections, PortAndNodeParts) {
@@ -408,36 +346,21 @@ TEST(NodePathSections, PortAndNodeParts) {
   EXPECT_EQ(path.GetPortPart()->ToString(), "<b/c");
   EXPECT_EQ(path.GetPortPart()->GetKindRaw(), NODE_KIND::INPORT);
   EXPECT_EQ(path.GetNodePart()->ToString(), "a");
-  EXPECT_EQ(path.GetNodeCount(), 1u);
   EXPECT_EQ(path.GetTopLevelPort()->ToString(), "a<b");
-  EXPECT_EQ(path.GetLastPart(), Id("c"));
-  EXPECT_EQ(path.GetPart(1), NodePath::GetInputsId());
   EXPECT_TRUE(path.GetPart(9).IsNull());
-  EXPECT_TRUE(NodePath().GetLastPart().IsNull());
-
   const NodePath node = P("x/y");
   EXPECT_TRUE(node.GetNodePart()->IsSameObject(node));
   EXPECT_TRUE(node.GetPortPart()->IsNull());
-  EXPECT_EQ(node.GetNodeCount(), 2u);
   const NodePath rootPort = P(">o/p");
   EXPECT_TRUE(rootPort.GetPortPart()->IsSameObject(rootPort));
   EXPECT_TRUE(rootPort.GetNodePart()->IsNull());
-  EXPECT_EQ(rootPort.GetNodeCount(), 0u);
   EXPECT_EQ(rootPort.GetTopLevelPort()->ToString(), ">o");
   const NodePath top = P("a<b");
   EXPECT_TRUE(top.GetTopLevelPort()->IsSameObject(top));
-
-  EXPECT_TRUE(P("a<b").IsTopLevelPort());
-  EXPECT_FALSE(P("a<b/c").IsTopLevelPort());
   EXPECT_FALSE(P("a<").IsTopLevelPort());
-  EXPECT_TRUE(P("<b").IsTopLevelPort());
-  EXPECT_TRUE(P("<b").IsRootPort());
   EXPECT_TRUE(P(">b/c").IsRootPort());
   EXPECT_FALSE(P("<").IsRootPort());
   EXPECT_FALSE(P("a<b").IsRootPort());
-
-  EXPECT_EQ(*NodePath::CreateInputPort(std::vector<InternedId>{Id("x")}), P("<x"));
-  EXPECT_EQ(NodePath::CreateOutputPort({})->GetKindRaw(), NODE_KIND::OUTPUTS);
   EXPECT_EQ(NodePath::CreateOutputPort(std::vector<InternedId>{Id("x"), Id("y")})->ToString(),
             ">x/y");
 }
@@ -447,18 +370,11 @@ TEST(NodePathSections, StartsWithAndConcatenation) {
   const std::vector<InternedId> ab{Id("a"), Id("b")};
   const std::vector<InternedId> portC{NodePath::GetInputsId(), Id("c")};
   EXPECT_TRUE(path.StartsWith(ab));
-  EXPECT_TRUE(path.StartsWith(NodePath::Block()));
-  EXPECT_TRUE(path.StartsWith(path));
   EXPECT_FALSE(path.StartsWith(P("a/b<c/d")));
-  EXPECT_FALSE(path.StartsWith(P("b")));
-
   EXPECT_TRUE(path.EqualsConcatenation(ab, portC));
-  EXPECT_TRUE(path.EqualsConcatenation({}, path.ToBlock()));
   EXPECT_FALSE(path.EqualsConcatenation(portC, ab));
-  EXPECT_FALSE(path.EqualsConcatenation(ab, {}));
   EXPECT_FALSE(NodePath().EqualsConcatenation(ab, {}));
   EXPECT_TRUE(NodePath().EqualsConcatenation(ab, {}, true));
-  EXPECT_TRUE(NodePath().EqualsConcatenation({}, {}));
   EXPECT_FALSE(NodePath().EqualsConcatenation({}, portC, true));
 }
 
@@ -466,15 +382,11 @@ TEST(NodePathCreate, EmptyArgumentsHandBackTheSameObject) {
   const NodePath path = P("a/b");
   EXPECT_TRUE(path.AppendBlock({})->IsSameObject(path));
   EXPECT_TRUE(path.Prepend({})->IsSameObject(path));
-  EXPECT_TRUE(path.AppendPath(NodePath())->IsSameObject(path));
   EXPECT_TRUE(NodePath().AppendPath(path)->IsSameObject(path));
   EXPECT_EQ(*path.Prepend(std::vector<InternedId>{Id("r")}), P("r/a/b"));
-  EXPECT_EQ(path.Append(NodePath::GetOutputsId())->GetKindRaw(), NODE_KIND::OUTPUTS);
-
   std::vector<InternedId> array{Id("a"), Id("b")};
   EXPECT_EQ(*NodePath::CreateFromArray(std::move(array)), path);
   EXPECT_TRUE(array.empty());
-  EXPECT_EQ(*NodePath::CreateChecked(std::vector<InternedId>{Id("a"), Id("b")}), path);
 }
 
 // --- Stored form and sharing.

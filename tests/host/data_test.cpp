@@ -43,7 +43,8 @@ std::string Canonical(const Data& d, bool arrayTypes = true) {
 }
 
 // Random values from small pools, so that equal values built apart (other
-// allocations, other insertion orders) turn up often.
+// allocations, other insertion orders) turn up often, and so do near misses:
+// one number under several types, typed and untyped arrays, both zeros, NaN.
 class ValueMaker {
  public:
   explicit ValueMaker(uint64_t seed) : _rng(seed) {}
@@ -115,10 +116,6 @@ TEST(DataType, BuiltinsAreRegisteredOnceByTheirIds) {
   EXPECT_EQ(FindDataType(DATATYPE_ID_ARRAY), GetDataType<DataArray>());
   EXPECT_EQ(FindDataType("net.orvix.datatype.nosuchtype"), nullptr);
   EXPECT_EQ(Data(int32_t(1)).GetType()->ToString(), "net.orvix.datatype.int32");
-  EXPECT_TRUE(HasAny(GetDataType<int64_t>()->GetValueKind(), VALUEKIND::SIGNED));
-  EXPECT_FALSE(HasAny(GetDataType<uint64_t>()->GetValueKind(), VALUEKIND::SIGNED));
-  EXPECT_TRUE(!(GetDataType<double>()->GetValueKind() & VALUEKIND::ABSTRACT));
-  EXPECT_LT(GetDataType<int32_t>()->GetSize(), GetDataType<int64_t>()->GetSize());
 }
 
 TEST(DataType, ArrayTypesAreMadeOnceAndNeedARegisteredElementType) {
@@ -148,23 +145,6 @@ TEST(DataType, RegistrationRefusesDuplicatesAndContainers) {
 }
 
 // ---- equality, hash, text ----
-
-TEST(Data, EqualityIsExactAboutTypes) {
-  EXPECT_NE(Data(int32_t(1)), Data(int64_t(1)));
-  EXPECT_NE(Data(int64_t(1)), Data(uint64_t(1)));
-  EXPECT_NE(Data(int64_t(1)), Data(1.0));
-  EXPECT_NE(Data(true), Data(int32_t(1)));
-  EXPECT_NE(Data("in"), Data(InternedId::Get("in")));
-  EXPECT_NE(Data(), Data(false));
-  EXPECT_NE(Data(DataArray()), Data(*DataArray::Create(GetDataType<int64_t>())));
-  EXPECT_EQ(Data(0.0), Data(-0.0));
-  EXPECT_EQ(Data(std::nan("")), Data(std::nan("")));
-  Data ab(DataDictionary{{Data("a"), Data(1L)}, {Data("b"), Data(2L)}});
-  Data ba(DataDictionary{{Data("b"), Data(2L)}, {Data("a"), Data(1L)}});
-  EXPECT_EQ(ab, ba);
-  EXPECT_EQ(ab.GetHashCode(), ba.GetHashCode());
-  EXPECT_NE(ab, Data(DataDictionary{{Data("a"), Data(2L)}, {Data("b"), Data(1L)}}));
-}
 
 TEST(Data, EqualityHashAndTextAgreeOnRandomValues) {
   ValueMaker maker(20240611);

@@ -34,13 +34,6 @@ TEST(InternedId, ReservedBitIsNotPartOfTheHash) {
   EXPECT_EQ(a.GetHashCode() | InternedId::RESERVED_HASH_BIT, a.GetHashWord());
 }
 
-TEST(InternedId, CompareTextIsBytewiseWithNullFirst) {
-  EXPECT_LT(InternedId::CompareText(InternedId::Get("B"), InternedId::Get("a")), 0);
-  EXPECT_GT(InternedId::CompareText(InternedId::Get("ab"), InternedId::Get("a")), 0);
-  EXPECT_LT(InternedId::CompareText(InternedId(), InternedId::Get("")), 0);
-  EXPECT_EQ(InternedId::CompareText(InternedId::Get("x"), InternedId::Get("x")), 0);
-}
-
 // Run under the thread sanitizer (preset tsan) to check the pool for races.
 TEST(InternedId, ConcurrentInterningAgrees) {
   constexpr int kThreads = 4;

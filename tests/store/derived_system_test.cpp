@@ -82,27 +82,6 @@ TEST(DerivedSystem, AForeignHandleFollowsItsElementIntoTheDerivedSystem) {
   EXPECT_EQ(a.info, nullptr);
 }
 
-TEST(DerivedSystem, ARemovedChildIsAbsentThereAndPresentInTheBase) {
-  Ref<NodeSystemImpl> base = MakeBase();
-  Ref<NodeSystemImpl> derived = NodeSystemImpl::CreateDerived(base).Value();
-  Remove(*derived, "a");
-  EXPECT_EQ(derived->GetRoot().info->children.Find(Id("a"))->flags, CHILD_FLAGS::NONE);
-  EXPECT_FALSE(derived->FindByPath(P("a")));
-  EXPECT_TRUE(base->FindByPath(P("a")));
-  // Below the removed node the base has records, but the path is gone here.
-  EXPECT_FALSE(derived->FindByPath(P("a<x")));
-  EXPECT_TRUE(base->FindByPath(P("a<x")));
-  EXPECT_EQ(Children(*derived, ""), (std::vector<std::string>{"<", ">", "c"}));
-  EXPECT_FALSE(derived->GetChild(derived->GetRoot(), Id("a"), NODE_KIND::ALL_MASK).Value());
-  EXPECT_TRUE(derived->GetChild(derived->GetRoot(), Id("c"), NODE_KIND::ALL_MASK).Value());
-
-  // Added again, it is an ADDED record of the derived system.
-  NodeInfo* again = Add(*derived, "a");
-  EXPECT_EQ(derived->GetRoot().info->children.Find(Id("a"))->flags, CHILD_FLAGS::ADDED);
-  EXPECT_EQ(derived->FindByPath(P("a")).info, again);
-  EXPECT_EQ(Children(*derived, ""), (std::vector<std::string>{"a", "<", ">", "c"}));
-}
-
 TEST(DerivedSystem, ChildrenComeOwnTableFirstThenTheBasesWithTheNearestDeciding) {
   Ref<NodeSystemImpl> base = MakeBase();
   Ref<NodeSystemImpl> derived = NodeSystemImpl::CreateDerived(base).Value();
@@ -157,17 +136,6 @@ TEST(DerivedSystem, PathsIntoANestedSystemUseItsOwnPaths) {
   EXPECT_EQ(
       outer->GetChild(outer->FindByPath(P("n<")), InternedId(), NODE_KIND::INPORT).Value().path,
       P("n<y"));
-}
-
-TEST(DerivedSystem, CreationChecksTheBase) {
-  Ref<NodeSystemImpl> unfinished = NodeSystemImpl::CreateEmpty().Value();
-  unfinished->_systemFlags = GNODE_FLAGS_IMPL::MODIFIED_TOPOLOGY;
-  Result<Ref<NodeSystemImpl>> derived = NodeSystemImpl::CreateDerived(unfinished);
-  ASSERT_FALSE(derived);
-  EXPECT_EQ(derived.GetError().GetMessage(), "Base nodesystem hasn't been validated.");
-  derived = NodeSystemImpl::CreateDerived(MakeRef<NodeSystemImpl>());
-  ASSERT_FALSE(derived);
-  EXPECT_EQ(derived.GetError().GetMessage(), "Base nodesystem hasn't been initialized.");
 }
 
 }  // namespace

@@ -1,3 +1,6 @@
+// The map alone: growth and release. Tombstones, publishing and deletion
+// across layers are the layering model's.
+
 #include <gtest/gtest.h>
 
 #include <string>
@@ -42,44 +45,6 @@ TEST(NodeMap, EntriesStayWhereTheyAreWhileTheTableGrows) {
     EXPECT_EQ(map->Find(path), info) << path.ToString();
     EXPECT_EQ(map->Find(path.ToBlock()), info);  // by a bare block, without a path
   }
-}
-
-TEST(NodeMap, TheFirstEntryTopDownDecides) {
-  Ref<NodeMap> bottom = NodeMap::Create(nullptr).Value();
-  NodeInfo* lowA = Put(*bottom, P("a"))->info;
-  NodeInfo* lowB = Put(*bottom, P("b"))->info;
-  Ref<NodeMap> middle = NodeMap::Create(bottom).Value();
-  NodeMap::Entry* tomb = middle->AddEntry(P("a"), nullptr).Value();  // never published
-  Ref<NodeMap> top = NodeMap::Create(middle).Value();
-  NodeInfo* topB = Put(*top, P("b"))->info;
-
-  EXPECT_EQ(bottom->GetDepth(), 0u);
-  EXPECT_EQ(top->GetDepth(), 2u);
-  EXPECT_EQ(top->Find(P("a")), nullptr);  // hidden by the tombstone
-  EXPECT_EQ(top->FindEntry(P("a").GetHashCode(), P("a").ToBlock()), tomb);
-  EXPECT_EQ(bottom->Find(P("a")), lowA);  // the layer below is untouched
-  EXPECT_EQ(top->Find(P("b")), topB);
-  EXPECT_EQ(middle->Find(P("b")), lowB);
-  EXPECT_EQ(top->Find(P("c")), nullptr);
-
-  // Publishing the tombstone's entry with a record of its own makes it
-  // answer; unpublishing it hides the path again.
-  tomb->info = NodeInfo::Allocate(NODE_KIND::NODE, P("a"));
-  NodeMap::Publish(tomb);
-  EXPECT_EQ(top->Find(P("a")), tomb->info);
-  NodeMap::Unpublish(tomb);
-  EXPECT_EQ(top->Find(P("a")), nullptr);
-}
-
-TEST(NodeMap, DeleteEntryTakesItOutOfItsChain) {
-  Ref<NodeMap> map = NodeMap::Create(nullptr).Value();
-  std::vector<NodeMap::Entry*> entries;
-  for (int i = 0; i < 100; ++i) entries.push_back(Put(*map, P("n" + std::to_string(i))));
-  for (int i = 0; i < 100; i += 3) map->DeleteEntry(entries[size_t(i)]);
-  for (int i = 0; i < 100; ++i) {
-    EXPECT_EQ(map->Find(P("n" + std::to_string(i))) != nullptr, i % 3 != 0) << i;
-  }
-  EXPECT_EQ(map->GetCount(), 66u);
 }
 
 TEST(NodeMap, ADeepChainOfLayersIsReleasedWithoutRecursion) {

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <string>
 #include <string_view>
 
 #include "orvix/graph/node_path.h"
@@ -17,6 +18,10 @@ inline NodePath P(std::string_view text) {
 }
 inline InternedId Id(std::string_view text) {
   return InternedId::Get(text);
+}
+template <typename T>
+std::string Message(const Result<T>& r) {
+  return r ? std::string("(ok)") : r.GetError().GetMessage();
 }
 
 inline NodePath ParentOf(const NodePath& path) {

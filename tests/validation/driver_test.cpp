@@ -84,6 +84,7 @@ class PortPasses : public ::testing::Test {
     Connect(*s, "a>o", "b<i");
     Connect(*s, "b>o", "c<i");
     ASSERT_TRUE(s->EndModification(nullptr, FINALIZE_FLAGS::CLEANUP));
+    firstRun = {synthesized, inherited};
     synthesized.clear();
     inherited.clear();
     ASSERT_TRUE(s->BeginModification());
@@ -97,16 +98,13 @@ class PortPasses : public ::testing::Test {
   std::map<std::string, std::function<Result<void>(NodeSystemImpl&)>> onStep;
   Ref<NodeSystemImpl> s;
   std::vector<std::string> synthesized, inherited;
+  std::pair<std::vector<std::string>, std::vector<std::string>> firstRun;
 };
 
 TEST_F(PortPasses, FirstRunValidatesEveryNewPortInBothDirections) {
   // The set-up's end validated all seven adds; the passes ran in order.
-  Ref<NodeSystemImpl> fresh = NewSystem(&stages);
-  ASSERT_TRUE(fresh->BeginModification());
-  for (const char* p : {"a", "a>o", "b", "b<i", "b>o", "c", "c<i"}) Add(*fresh, p);
-  ASSERT_TRUE(fresh->EndModification(nullptr, FINALIZE_FLAGS::CLEANUP));
-  EXPECT_EQ(synthesized, (std::vector<std::string>{"c<i", "b>o", "b<i", "a>o"}));
-  EXPECT_EQ(inherited, (std::vector<std::string>{"a>o", "b<i", "b>o", "c<i"}));
+  EXPECT_EQ(firstRun.first, (std::vector<std::string>{"c<i", "b>o", "b<i", "a>o"}));
+  EXPECT_EQ(firstRun.second, (std::vector<std::string>{"a>o", "b<i", "b>o", "c<i"}));
 }
 
 TEST_F(PortPasses, NewChildrenSpreadAgainstTheSweepOnlyWhenTheBitIsNew) {

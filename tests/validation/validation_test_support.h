@@ -103,7 +103,8 @@ inline GFI FlagsOf(const NodeSystemImpl& system, std::string_view path) {
   return found ? found.info->flags : GFI::NONE;
 }
 
-inline std::string Message(const Result<void>& r) {
+template <typename T>
+std::string Message(const Result<T>& r) {
   return r ? std::string("(ok)") : r.GetError().GetMessage();
 }
 
