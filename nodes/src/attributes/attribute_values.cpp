@@ -320,13 +320,24 @@ Result<AttributeTable*> NodeSystemImpl::_PrepareTable(NodeInfo* info) {
   return info->attributes.Get();
 }
 
+Result<void> NodeSystemImpl::_ApplyWriteRule(const GNode& node, InternedId id) {
+  if (_attribSetup && _stages && _stages->writeRule) return _stages->writeRule(*this, node, id);
+  return Ok();
+}
+
+Result<GNode> NodeSystemImpl::_BeginWrite(const GNode& node, InternedId id) {
+  ORVIX_TRY(CheckModification(true));
+  GNode handle = node;
+  ORVIX_TRY(Resolve(handle));
+  ORVIX_TRY(_ApplyWriteRule(handle, id));
+  return handle;
+}
+
 Result<void> NodeSystemImpl::NoteValueChanged(GNode& node, InternedId id, ATTRIBUTE_FLAGS flags,
                                               const DerivedAttribute* derived, NodeInfo* info,
                                               AttributeRecord* attribute) {
   static_cast<void>(derived);
-  if (_attribSetup && _stages && _stages->writeRule) {
-    ORVIX_TRY(_stages->writeRule(*this, node, id));
-  }
+  ORVIX_TRY(_ApplyWriteRule(node, id));
   const bool meta = HasAny(flags, ATTRIBUTE_FLAGS::META);
   (meta ? _metaAttributeStamp : _attributeStamp) = _modificationStamp;
   if (attribute) attribute->stamp = _modificationStamp;
@@ -386,9 +397,7 @@ Result<bool> NodeSystemImpl::SetValue(const GNode& node, InternedId id, Data val
     return true;
   }
 
-  if (_attribSetup && _stages && _stages->writeRule) {
-    ORVIX_TRY(_stages->writeRule(*this, handle, id));
-  }
+  ORVIX_TRY(_ApplyWriteRule(handle, id));
 
   // Does anything change? A derived value that the chain below already
   // yields isn't stored; a value equal to the element's own record is no
@@ -478,12 +487,7 @@ Result<void> NodeSystemImpl::TouchValue(const GNode& node, InternedId id, Change
 }
 
 Result<bool> NodeSystemImpl::ResetValue(const GNode& node, InternedId id, ChangeList* changeList) {
-  ORVIX_TRY(CheckModification(true));
-  GNode handle = node;
-  ORVIX_TRY(Resolve(handle));
-  if (_attribSetup && _stages && _stages->writeRule) {
-    ORVIX_TRY(_stages->writeRule(*this, handle, id));
-  }
+  ORVIX_TRY_ASSIGN(GNode handle, _BeginWrite(node, id));
   if (handle.system != this || !handle.info->attributes) return false;
   const AttributeRecord* own = handle.info->attributes->records.Find(id);
   if (!own || own->IsDerived()) return false;
@@ -501,12 +505,7 @@ Result<bool> NodeSystemImpl::ResetValue(const GNode& node, InternedId id, Change
 
 Result<bool> NodeSystemImpl::EraseValue(const GNode& node, InternedId id, ChangeList* changeList) {
   if (id == Ids().isShortcutStop) return ReadOnly(id);
-  ORVIX_TRY(CheckModification(true));
-  GNode handle = node;
-  ORVIX_TRY(Resolve(handle));
-  if (_attribSetup && _stages && _stages->writeRule) {
-    ORVIX_TRY(_stages->writeRule(*this, handle, id));
-  }
+  ORVIX_TRY_ASSIGN(GNode handle, _BeginWrite(node, id));
   ValueHolder holder;
   const Data* found = GetStoredValue(handle.info, handle.system, id, true, &holder);
   if (!found || !holder.record) return false;
@@ -556,12 +555,7 @@ Result<void> NodeSystemImpl::SetSubData(const GNode& node, InternedId id,
     return Ok();
   }
   if (id == Ids().isShortcutStop) return ReadOnly(id);
-  ORVIX_TRY(CheckModification(true));
-  GNode handle = node;
-  ORVIX_TRY(Resolve(handle));
-  if (_attribSetup && _stages && _stages->writeRule) {
-    ORVIX_TRY(_stages->writeRule(*this, handle, id));
-  }
+  ORVIX_TRY_ASSIGN(GNode handle, _BeginWrite(node, id));
   const Ref<DerivedAttribute> derived = _DerivedAttribute(id);
   const ATTRIBUTE_FLAGS flags = _AttributeFlags(id);
   if (changeList && derived) return ChangeListWithDerived();

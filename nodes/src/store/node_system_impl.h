@@ -477,6 +477,11 @@ class NodeSystemImpl final : public NodeSystem {
   // The record of `id` in `info`'s own table after a call that may have
   // changed the table; made again if the call took it away.
   Result<AttributeRecord*> _RefindRecord(NodeInfo* info, InternedId id, ATTRIBUTE_FLAGS flags);
+  // Lets attribute derivation refuse a write to `id` at `node` (no rule, no veto).
+  Result<void> _ApplyWriteRule(const GNode& node, InternedId id);
+  // What every write from outside does first: the system must be open for a
+  // direct modification, the handle current, and derivation must allow it.
+  Result<GNode> _BeginWrite(const GNode& node, InternedId id);
   // Tells the class of a change and takes its word for the special stamps.
   Result<void> _TellClass(const GNode& node, InternedId id, ATTRIBUTE_FLAGS flags,
                           const Data& newValue, const Data& oldValue);
