@@ -9,22 +9,15 @@
 #include <string>
 #include <vector>
 
+#include "bench_support.h"
 #include "orvix/nodes/modification.h"
 #include "store/node_system_impl.h"
 
 namespace orvix::nodes {
 namespace {
 
-NodePath Path(const std::string& text) {
-  return NodePath::Parse(text).Value();
-}
-
-// "v<i>", built by appending (see store_bench.cpp).
-std::string Name(int64_t i) {
-  std::string name("v");
-  name.append(std::to_string(i));
-  return name;
-}
+using bench::Name;
+using bench::Path;
 
 // A system under modification whose input port <x holds "gain" and
 // `extra` further values.
@@ -36,7 +29,7 @@ MutableRoot OpenWithValues(int64_t extra) {
           .Value();
   (void)s.SetValue(x, InternedId::Get("gain"), Data(int64_t{0}), nullptr);
   for (int64_t i = 0; i < extra; ++i) {
-    (void)s.SetValue(x, InternedId::Get(Name(i)), Data(i), nullptr);
+    (void)s.SetValue(x, InternedId::Get(Name("v", i)), Data(i), nullptr);
   }
   return root;
 }

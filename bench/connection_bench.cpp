@@ -11,6 +11,7 @@
 #include <string_view>
 #include <vector>
 
+#include "bench_support.h"
 #include "orvix/nodes/modification.h"
 #include "orvix/nodes/node_system.h"
 #include "store/node_system_impl.h"
@@ -18,15 +19,8 @@
 namespace orvix::nodes {
 namespace {
 
-NodePath Path(std::string_view text) {
-  return NodePath::Parse(text).Value();
-}
-
-std::string Name(std::string_view prefix, int64_t i) {
-  std::string name(prefix);
-  name.append(std::to_string(i));
-  return name;
-}
+using bench::Name;
+using bench::Path;
 
 // A finished system in which the root input "<x" is passed through to
 // `wires` root outputs ">o<k>".

@@ -5,13 +5,12 @@
 
 #include <benchmark/benchmark.h>
 
-#include <time.h>
-
 #include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
 
+#include "bench_support.h"
 #include "orvix/nodes/modification.h"
 #include "orvix/nodes/node_system.h"
 #include "orvix/nodes/node_system_class.h"
@@ -19,24 +18,9 @@
 namespace orvix::nodes {
 namespace {
 
-// The CPU time of this thread in nanoseconds: the machine is shared, and
-// time spent waiting for a core is not the edit's.
-double ThreadNanoseconds() {
-  timespec t{};
-  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
-  return double(t.tv_sec) * 1e9 + double(t.tv_nsec);
-}
-
-NodePath Path(std::string_view text) {
-  return NodePath::Parse(text).Value();
-}
-
-// "<prefix><i>", built by appending (see store_bench.cpp for why not `+`).
-std::string Name(std::string_view prefix, int64_t i) {
-  std::string name(prefix);
-  name.append(std::to_string(i));
-  return name;
-}
+using bench::Name;
+using bench::Path;
+using bench::ThreadNanoseconds;
 
 // A finished system whose only content is `inputs` input ports "i0", "i1",
 // ... and one output "out": the base of a child node.

@@ -8,23 +8,14 @@
 #include <string_view>
 #include <vector>
 
+#include "bench_support.h"
 #include "store/node_system_impl.h"
 
 namespace orvix::nodes {
 namespace {
 
-NodePath Path(const std::string& text) {
-  return NodePath::Parse(text).Value();
-}
-
-// "n<i>" followed by `suffix`; built by appending, which g++ 12 at -O3 doesn't
-// mistake for an overlapping copy as it does `"n" + std::to_string(i)`.
-std::string Name(int64_t i, std::string_view suffix = {}) {
-  std::string name("n");
-  name.append(std::to_string(i));
-  name.append(suffix);
-  return name;
-}
+using bench::Name;
+using bench::Path;
 
 // A finished system of about `count` records: nodes below the root, each with
 // its input port list and one input port, all listed in child tables.
@@ -34,16 +25,16 @@ Ref<NodeSystemImpl> MakeSystem(int64_t count) {
   NodeInfo* rootInfo = system->GetMutable(root, NODE_KIND::NODE).Value();
   const InternedId in = InternedId::Get("in");
   for (int64_t i = 0; i < count / 3; ++i) {
-    const std::string name = Name(i);
+    const std::string name = Name("n", i);
     (void)system->SetChildRecord(rootInfo, InternedId::Get(name), CHILD_FLAGS::ADDED);
     GNode node(Path(name));
     NodeInfo* nodeInfo = system->GetMutable(node, NODE_KIND::NODE).Value();
     (void)system->SetChildRecord(nodeInfo, NodePath::GetInputsId(),
                                  CHILD_FLAGS::ADDED | CHILD_FLAGS::SYNTHETIC);
-    GNode list(Path(Name(i, "<")));
+    GNode list(Path(Name("n", i, "<")));
     NodeInfo* listInfo = system->GetMutable(list, NODE_KIND::INPUTS).Value();
     (void)system->SetChildRecord(listInfo, in, CHILD_FLAGS::ADDED);
-    GNode port(Path(Name(i, "<in")));
+    GNode port(Path(Name("n", i, "<in")));
     (void)system->GetMutable(port, NODE_KIND::INPORT);
   }
   return system;
@@ -126,7 +117,7 @@ void BM_CompactPerEntry(benchmark::State& state) {
   for (int layer = 0; layer < 6; ++layer) {
     keep.push_back(CopyOf(*system));
     for (int64_t i = layer; i < count / 3; i += 6) {
-      GNode node(Path(Name(i)));
+      GNode node(Path(Name("n", i)));
       (void)system->GetMutable(node, NODE_KIND::NODE);
     }
   }

@@ -7,21 +7,14 @@
 #include <algorithm>
 #include <string>
 
+#include "bench_support.h"
 #include "store/node_system_impl.h"
 
 namespace orvix::nodes {
 namespace {
 
-NodePath Path(const std::string& text) {
-  return NodePath::Parse(text).Value();
-}
-
-std::string Name(int64_t i, const char* suffix = "") {
-  std::string name("n");
-  name.append(std::to_string(i));
-  name.append(suffix);
-  return name;
-}
+using bench::Name;
+using bench::Path;
 
 // Port steps only count themselves: the figure is the driver's own cost.
 int64_t g_portSteps = 0;
@@ -32,10 +25,10 @@ const ValidationStages& BenchStages() {
     s.validateTopology = [](NodeSystemImpl& system) -> Result<void> {
       ORVIX_TRY_ASSIGN(Ref<TopologyData> topology, NewRef<TopologyData>());
       for (int64_t i = 0;; ++i) {
-        const NodePath in = Path(Name(i, "<in"));
+        const NodePath in = Path(Name("n", i, "<in"));
         if (!system.FindByPath(in)) break;
         topology->_portIndices[in] = topology->_indexCount++;
-        topology->_portIndices[Path(Name(i, ">out"))] = topology->_indexCount++;
+        topology->_portIndices[Path(Name("n", i, ">out"))] = topology->_indexCount++;
       }
       system._topology = std::move(topology);
       return Ok();
@@ -59,7 +52,7 @@ Ref<NodeSystemImpl> MakeChain(int64_t count) {
   GNode root = system->GetRoot();
   for (int64_t i = 0; i < count / 5; ++i) {
     GNode node = system
-                     ->AddChildRecord(root, NODE_KIND::NODE, InternedId::Get(Name(i)), GNode(),
+                     ->AddChildRecord(root, NODE_KIND::NODE, InternedId::Get(Name("n", i)), GNode(),
                                       GNODE_FLAGS_IMPL::NONE)
                      .Value();
     for (const bool input : {true, false}) {
@@ -76,8 +69,8 @@ Ref<NodeSystemImpl> MakeChain(int64_t count) {
       (void)system->SetModified(port, GNODE_FLAGS_IMPL::MODIFIED_TOPOLOGY);
     }
     if (i > 0) {
-      GNode source = system->MakeHandle(Path(Name(i - 1, ">out")));
-      GNode target = system->MakeHandle(Path(Name(i, "<in")));
+      GNode source = system->MakeHandle(Path(Name("n", i - 1, ">out")));
+      GNode target = system->MakeHandle(Path(Name("n", i, "<in")));
       const ConnectionData data{Wires(0x3f), nullptr};
       (void)NodeSystemImpl::ConnectionTableOf(source.info)
           ->Set(ConnectionKey::Make(target.path, CONNECTION_TYPE::NORMAL,
@@ -96,7 +89,7 @@ Ref<NodeSystemImpl> MakeChain(int64_t count) {
 
 void BM_TouchOnePortAndValidate(benchmark::State& state) {
   Ref<NodeSystemImpl> system = MakeChain(state.range(0));
-  GNode port = system->MakeHandle(Path(Name(state.range(0) / 10, "<in")));
+  GNode port = system->MakeHandle(Path(Name("n", state.range(0) / 10, "<in")));
   g_portSteps = 0;
   for (auto _ : state) {
     // New children spread along the wire in both passes; attributes too.
