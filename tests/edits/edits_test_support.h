@@ -5,14 +5,12 @@
 
 #include <gtest/gtest.h>
 
-#include <initializer_list>
 #include <map>
 #include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
 
-#include "orvix/nodes/config_variables.h"
 #include "orvix/nodes/modification.h"
 #include "store/node_system_impl.h"
 
@@ -33,21 +31,6 @@ template <typename T>
 std::string Message(const Result<T>& r) {
   return r ? std::string("(ok)") : r.GetError().GetMessage();
 }
-
-// Every modification that a test finishes checks its wires from both ends.
-// The suite switches the check on itself rather than trusting the
-// environment to reach the variable before the library registers it.
-class WireCheckedTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    _saved = g_testGetConnections.Get();
-    g_testGetConnections.Set(true);
-  }
-  void TearDown() override { g_testGetConnections.Set(_saved); }
-
- private:
-  bool _saved = false;
-};
 
 inline NodeSystemImpl& Impl(const MutableRoot& root) {
   return static_cast<NodeSystemImpl&>(*root._system);
@@ -83,16 +66,39 @@ inline MutableRoot OpenDerived(const Ref<NodeSystem>& base) {
   return BeginModification(derived, false).Value();
 }
 
+// Edits that name their elements by path.
+inline Result<GNode> AddPortAt(NodeSystem& s, std::string_view parent, std::string_view id) {
+  return s.AddPort(s.FindByPath(P(parent)), id, GNODE_FLAGS::NONE, nullptr);
+}
+inline Result<void> RemoveAt(NodeSystem& s, std::string_view path) {
+  return s.Remove(s.FindByPath(P(path)), nullptr);
+}
+inline Result<void> ConnectAt(NodeSystem& s, std::string_view from, std::string_view to,
+                              uint64_t wires) {
+  return s.Connect(s.FindByPath(P(from)), s.FindByPath(P(to)), Wires(wires), nullptr);
+}
+
 // A finished system with the given top-level input and output ports.
-inline Ref<NodeSystem> MakeOperator(std::initializer_list<std::string_view> inputs,
-                                    std::initializer_list<std::string_view> outputs) {
+inline Ref<NodeSystem> MakeOperator(const std::vector<std::string>& inputs,
+                                    const std::vector<std::string>& outputs) {
   MutableRoot root = OpenEmpty();
-  NodeSystem& s = *root._system;
-  GNode in = s.GetPortList(root._root, PORT_DIR::INPUT).Value();
-  GNode out = s.GetPortList(root._root, PORT_DIR::OUTPUT).Value();
-  for (std::string_view id : inputs) EXPECT_TRUE(s.AddPort(in, id, GNODE_FLAGS::NONE, nullptr));
-  for (std::string_view id : outputs) EXPECT_TRUE(s.AddPort(out, id, GNODE_FLAGS::NONE, nullptr));
+  for (const std::string& id : inputs) EXPECT_TRUE(AddPortAt(*root._system, "<", id));
+  for (const std::string& id : outputs) EXPECT_TRUE(AddPortAt(*root._system, ">", id));
   return Finish(root);
+}
+
+// The effective sources (INPUT) or targets (OUTPUT) of a port, with their
+// wires; `mask` 0x7f per channel takes the wires of the port's ancestors in.
+inline std::map<std::string, uint64_t> Ends(const NodeSystem& s, std::string_view port,
+                                            PORT_DIR dir, uint64_t mask = 0x3f3f3f3f3f3f3f3fULL) {
+  std::map<std::string, uint64_t> ends;
+  EXPECT_TRUE(s.GetConnections(
+      s.FindByPath(P(port)), dir, Wires(mask), GET_CONNECTIONS_MODE::CONNECTIONS,
+      [&](const GNode& other, Wires w, const Ref<ConnectionAttributes>&) -> Result<bool> {
+        ends[other.path.ToString()] = w.GetValue();
+        return true;
+      }));
+  return ends;
 }
 
 // The record that `system` itself holds for `path`; null if it holds none.

@@ -156,13 +156,13 @@ Result<GNode> NodeSystemImpl::AddNode(InternedId id, Ref<NodeSystem> system,
   auto notValidated = [] {
     return Error(ERROR_CLASS::ILLEGAL_STATE, "Node system to add hasn't been validated.");
   };
-  // Asking a system under modification to end as a group would close the
-  // bracket of whoever edits it.
-  if (!system->IsFinalized()) return notValidated();
   auto* content = dynamic_cast<NodeSystemImpl*>(system.Get());
   if (!content) {
     return ConditionError(CONDITION_KIND::ILLEGAL_ARGUMENT, "system is a NodeSystemImpl");
   }
+  // Asking a system under modification to end as a group would close the
+  // bracket of whoever edits it, even one opened but not edited yet.
+  if (!content->IsFinalized() || content->_mutable) return notValidated();
   // A system that no template made becomes the node's own: a private copy
   // that its class may finish as a group.
   if (!content->_template) {

@@ -64,10 +64,20 @@ Result<void> NodeSystemImpl::_RemoveSubtree(const GNode& node, const NodePath& t
   ORVIX_TRY(Resolve(element));
   const bool isPort = HasAny(element.path.GetKindRaw(), NODE_KIND::PORT_MASK);
   if (isPort) {
-    // The other ends lose a source or a target.
+    // The other ends lose a source or a target, whether this system stored
+    // the wire or a base did. Marking makes their records this system's own,
+    // so their connection stamps can move too, for readers that compare them.
     std::vector<PortTouch> touches;
     ORVIX_TRY(CollectConnectedPorts(element, &top, touches));
     ORVIX_TRY(MarkTouches(touches));
+    for (PortTouch& touch : touches) {
+      ORVIX_TRY_ASSIGN(NodeInfo * info, GetMutable(touch.port, NODE_KIND::NONE));
+      PortRecord* other = info->AsPort();
+      if (!other) return ConditionError(CONDITION_KIND::ASSERTION, "other end is a port");
+      (touch.bits == GFI::MODIFIED_SOURCES ? other->_sourcesStamp : other->_targetsStamp) =
+          _modificationStamp;
+      _connectionStamp = _modificationStamp;
+    }
   }
 
   if (element.system == this) {
@@ -111,14 +121,6 @@ Result<void> NodeSystemImpl::_ClearConnections(const NodePath& self, ConnectionT
     const bool erased = otherTable && otherTable->Erase(key.Reversed(self));
     if (!erased && !shortcutSource) {
       return ConditionError(CONDITION_KIND::ASSERTION, "reverse connection exists");
-    }
-    if (erased && !shortcutSource) {
-      // The other end lost a wire: readers that compare its connection
-      // stamps must see it.
-      PortRecord* otherPort = otherInfo->AsPort();
-      (key.IsOtherTarget() ? otherPort->_sourcesStamp : otherPort->_targetsStamp) =
-          _modificationStamp;
-      _connectionStamp = _modificationStamp;
     }
     if (shortcutSource) ORVIX_TRY(SetModified(other, GFI::MODIFIED_SAV_TARGETS));
   }

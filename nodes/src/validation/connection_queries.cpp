@@ -470,21 +470,24 @@ Result<ConnectionData> NodeSystemImpl::ReadConnection(const GNode& source, const
 
 Result<void> NodeSystemImpl::CollectConnectedPorts(const GNode& port, const NodePath* skipBelow,
                                                    std::vector<PortTouch>& touches) const {
-  ConnectionQuery query;
-  query.port = port;
-  query.callback = [&](ConnectionQuery& q) -> Result<bool> {
-    if (skipBelow && q.other.path.StartsWith(*skipBelow)) return true;
-    try {
-      touches.push_back({q.other, q.direction == CONNECTION_DIRECTION::SOURCE
-                                      ? GFI::MODIFIED_TARGETS
-                                      : GFI::MODIFIED_SOURCES});
-    } catch (const std::bad_alloc&) {
-      return OutOfMemoryError();
-    }
-    return true;
-  };
-  ORVIX_TRY(GetConnections(ALL_WIRES_IMPLICIT_MASK, GCF::SOURCES | GCF::TARGETS, query,
-                           UNLIMITED_DEPTH));
+  // One walk per direction: a walk reports an other end once, for the first
+  // record it meets, and an end wired both ways must get both marks.
+  for (const GCF direction : {GCF::SOURCES, GCF::TARGETS}) {
+    ConnectionQuery query;
+    query.port = port;
+    query.callback = [&](ConnectionQuery& q) -> Result<bool> {
+      if (skipBelow && q.other.path.StartsWith(*skipBelow)) return true;
+      try {
+        touches.push_back({q.other, q.direction == CONNECTION_DIRECTION::SOURCE
+                                        ? GFI::MODIFIED_TARGETS
+                                        : GFI::MODIFIED_SOURCES});
+      } catch (const std::bad_alloc&) {
+        return OutOfMemoryError();
+      }
+      return true;
+    };
+    ORVIX_TRY(GetConnections(ALL_WIRES_IMPLICIT_MASK, direction, query, UNLIMITED_DEPTH));
+  }
   return Ok();
 }
 
