@@ -18,13 +18,9 @@ Result<int> Quarter(int v) {
   return q;
 }
 
-Result<void> CheckPositive(int v) {
-  ORVIX_CHECK_STATE(v > 0);
-  return Ok();
-}
-
 Result<int> PassOn(const Result<int>& named) {
   ORVIX_TRY(named);
+  ORVIX_CHECK_STATE(*named > 0);
   return *named + 1;
 }
 
@@ -33,31 +29,25 @@ TEST(Result, ValuesAndErrorsPropagate) {
   Result<int> r = Quarter(6);
   ASSERT_FALSE(r);
   EXPECT_EQ(r.GetError().GetClass(), ERROR_CLASS::ILLEGAL_ARGUMENT);
-  EXPECT_EQ(r.GetError().GetMessage(), "Illegal argument: Condition v % 2 == 0 not fulfilled. ");
-  EXPECT_TRUE(CheckPositive(1));
-  EXPECT_EQ(CheckPositive(0).GetError().GetMessage(),
-            "Illegal state: Condition v > 0 not fulfilled. ");
   // ORVIX_TRY on a named result leaves it intact.
   EXPECT_FALSE(PassOn(r));
   EXPECT_EQ(r.GetError().GetMessage(), "Illegal argument: Condition v % 2 == 0 not fulfilled. ");
   EXPECT_EQ(*PassOn(Half(4)), 3);
+  EXPECT_EQ(PassOn(Half(0)).GetError().GetMessage(),
+            "Illegal state: Condition *named > 0 not fulfilled. ");
 }
 
-TEST(Result, ErrorCarriesClassIdAndLocation) {
-  Error e(std::string(ERROR_ID_UNSUPPORTED_OPERATION), "nope");
-  EXPECT_EQ(e.GetClass(), ERROR_CLASS::UNSUPPORTED_OPERATION);
-  Error reg("net.orvix.error.custom", "custom");
-  EXPECT_EQ(reg.GetClass(), ERROR_CLASS::REGISTERED);
-  EXPECT_EQ(reg.GetClassId(), "net.orvix.error.custom");
-  EXPECT_NE(std::string(reg.GetLocation().file_name()).find("result_test.cpp"), std::string::npos);
+TEST(Result, ErrorClassFollowsTheId) {
+  EXPECT_EQ(Error(std::string(ERROR_ID_UNSUPPORTED_OPERATION), "nope").GetClass(),
+            ERROR_CLASS::UNSUPPORTED_OPERATION);
+  Error custom("net.orvix.error.custom", "custom");
+  EXPECT_EQ(custom.GetClass(), ERROR_CLASS::REGISTERED);
+  EXPECT_EQ(custom.GetClassId(), "net.orvix.error.custom");
 }
 
-TEST(Format, MarksTakeArgumentsInOrder) {
-  EXPECT_EQ(FormatMessage("Count @ out of bounds for start position @.", -3, 2),
-            "Count -3 out of bounds for start position 2.");
+TEST(Format, MarksTakeArgumentsInOrderAndSparesAreLeftAlone) {
   EXPECT_EQ(FormatMessage("a @ b @", "x"), "a x b @");
-  EXPECT_EQ(FormatMessage("no marks", 1, 2), "no marks");
-  EXPECT_EQ(FormatMessage("@@", true, std::string("s")), "trues");
+  EXPECT_EQ(FormatMessage("@@ and no more", true, std::string("s"), 3), "trues and no more");
 }
 
 }  // namespace
