@@ -1,22 +1,16 @@
 // Random sequences of writes, removals, copies and compactions, checked
 // against a reference model: a plain map per live system. Every lookup in every
-// live copy must answer as the model does, and a copy taken earlier never
-// sees later writes.
-
-#include <gtest/gtest.h>
+// live copy must answer as the model does, a copy taken earlier never sees
+// later writes, and a record written in a copy comes up whole.
 
 #include <map>
 #include <random>
-#include <string>
-#include <vector>
 
 #include "orvix/host/diagnostics.h"
 #include "store_test_support.h"
 
-namespace orvix::nodes {
+namespace orvix::nodes::test {
 namespace {
-
-using test::P;
 
 struct Live {
   Ref<NodeSystemImpl> system;
@@ -26,46 +20,45 @@ struct Live {
   std::map<std::string, GNode> handles;
 };
 
-// Paths of every kind; the map itself doesn't care about the tree shape.
-std::vector<std::string> PathPool() {
-  std::vector<std::string> pool;
-  for (int i = 0; i < 12; ++i) pool.push_back("n" + std::to_string(i));
-  for (int i = 0; i < 6; ++i) pool.push_back("n" + std::to_string(i) + "/k");
-  for (int i = 0; i < 6; ++i) pool.push_back("<p" + std::to_string(i));
-  for (int i = 0; i < 4; ++i) pool.push_back("n" + std::to_string(i) + ">q/r");
-  return pool;
-}
-
 // The payload rides in a stamp field that the store copies but never sets.
 uint64_t& Payload(NodeInfo* info) {
   return info->_synthesizedAttributeStamp;
 }
 
-void Check(const std::vector<Live>& lives, const std::vector<std::string>& pool, int step) {
-  for (size_t l = 0; l < lives.size(); ++l) {
-    const Live& live = lives[l];
+void Check(std::vector<Live>& lives, const std::vector<std::string>& pool, int step) {
+  SCOPED_TRACE("step " + std::to_string(step));
+  for (Live& live : lives) {
     for (const std::string& text : pool) {
       const FoundNode found = live.system->FindNode(P(text));
       auto it = live.model.find(text);
-      ASSERT_EQ(bool(found), it != live.model.end())
-          << "step " << step << " system " << l << " path " << text;
+      ASSERT_EQ(bool(found), it != live.model.end()) << text;
       if (found) {
         EXPECT_EQ(found.system, live.system.Get());
-        EXPECT_EQ(Payload(found.info), it->second) << "step " << step << " path " << text;
+        EXPECT_EQ(Payload(found.info), it->second) << text;
       }
     }
-    EXPECT_EQ(live.system->GetVisibleRecordCount(), live.model.size() + 3) << "step " << step;
+    EXPECT_EQ(live.system->GetVisibleRecordCount(), live.model.size() + 3);
+    // A refreshed handle agrees with a fresh lookup.
+    for (auto it = live.handles.begin(); it != live.handles.end();) {
+      live.system->Refresh(it->second);
+      EXPECT_EQ(it->second.info, live.system->FindNode(P(it->first)).info) << it->first;
+      it = it->second.info ? std::next(it) : live.handles.erase(it);
+    }
   }
 }
 
 TEST(LayeringModel, RandomWritesRemovalsCopiesAndCompactions) {
-  const std::vector<std::string> pool = PathPool();
+  // Paths of every kind; the map itself doesn't care about the tree shape.
+  std::vector<std::string> pool;
+  for (int i = 0; i < 12; ++i) pool.push_back("n" + std::to_string(i));
+  for (int i = 0; i < 6; ++i) pool.push_back("n" + std::to_string(i) + "/k");
+  for (int i = 0; i < 6; ++i) pool.push_back("<p" + std::to_string(i));
+  for (int i = 0; i < 4; ++i) pool.push_back("n" + std::to_string(i) + ">q/r");
   std::mt19937_64 random(20261122);
   std::vector<Live> lives(1);
-  lives[0].system = NodeSystemImpl::CreateEmpty().Value();
+  lives[0].system = Empty();
   uint64_t nextPayload = 1;
   size_t compactions = 0;
-  uint32_t deepest = 0;
   CapturedOutput output;
 
   for (int step = 0; step < 4000; ++step) {
@@ -74,49 +67,31 @@ TEST(LayeringModel, RandomWritesRemovalsCopiesAndCompactions) {
     const std::string& text = pool[random() % pool.size()];
     const int op = int(random() % 100);
     if (op < 45) {
-      // Write: fetch the record for writing and give it a new payload.
+      // Write: the record fetched for writing carries what it carried below.
       GNode handle(P(text));
       NodeInfo* info = system.GetMutable(handle, NODE_KIND::NONE).Value();
+      EXPECT_EQ(Payload(info), live.model.contains(text) ? live.model[text] : 0) << text;
       Payload(info) = nextPayload;
       live.model[text] = nextPayload++;
     } else if (op < 70) {
       const bool removed = system.RemoveEntry(P(text)).Value();
       EXPECT_EQ(removed, live.model.erase(text) == 1) << "step " << step << " " << text;
     } else if (op < 82) {
-      if (lives.size() < 10) {
-        Live copy;
-        copy.system = test::Copy(system);
-        copy.model = live.model;
-        lives.push_back(std::move(copy));
-      }
+      if (lives.size() < 10) lives.push_back({Copy(system), live.model, {}});
     } else if (op < 88) {
       if (lives.size() > 1) lives.erase(lives.begin() + long(random() % lives.size()));
     } else if (op < 94) {
-      deepest = std::max(deepest, system.GetDepth());
       const uint32_t depth = system.GetDepth();
       ASSERT_TRUE(system.Compact());
-      if (depth >= NodeSystemImpl::COMPACT_DEPTH) {
-        EXPECT_EQ(system.GetDepth(), 1u);
-        ++compactions;
-      } else {
-        EXPECT_EQ(system.GetDepth(), depth);
-      }
+      const bool deep = depth >= NodeSystemImpl::COMPACT_DEPTH;
+      EXPECT_EQ(system.GetDepth(), deep ? 1u : depth);
+      compactions += deep;
     } else {
       live.handles[text] = system.MakeHandle(P(text));
     }
-
     if (step % 10 == 0) {
       Check(lives, pool, step);
       if (::testing::Test::HasFatalFailure()) return;
-      // Handles: a refreshed handle agrees with a fresh lookup.
-      for (Live& l : lives) {
-        for (auto it = l.handles.begin(); it != l.handles.end();) {
-          l.system->Refresh(it->second);
-          EXPECT_EQ(it->second.info, l.system->FindNode(P(it->first)).info)
-              << "step " << step << " handle " << it->first;
-          it = it->second.info ? std::next(it) : l.handles.erase(it);
-        }
-      }
     }
   }
   Check(lives, pool, 4000);
@@ -125,4 +100,4 @@ TEST(LayeringModel, RandomWritesRemovalsCopiesAndCompactions) {
 }
 
 }  // namespace
-}  // namespace orvix::nodes
+}  // namespace orvix::nodes::test

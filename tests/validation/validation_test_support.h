@@ -15,97 +15,74 @@
 namespace orvix::nodes::test {
 
 using GFI = GNODE_FLAGS_IMPL;
+// The flag names stand alone: the tests are full of them.
+using enum GNODE_FLAGS_IMPL;
+using Strings = std::vector<std::string>;
 
 inline NodePath P(std::string_view text) {
   return NodePath::Parse(text).Value();
+}
+template <typename T>
+std::string Message(const Result<T>& r) {
+  return r ? std::string("(ok)") : r.GetError().GetMessage();
 }
 
 // A finalized empty system of the default class, with `stages` installed.
 inline Ref<NodeSystemImpl> NewSystem(const ValidationStages* stages = nullptr) {
   Ref<NodeSystemImpl> system = MakeRef<NodeSystemImpl>();
   system->_stages = stages;
-  Result<Ref<NodeSystemClass>> cls = CreateDefaultNodeSystemClass();
-  EXPECT_TRUE(cls);
-  Result<GNode> root = system->Init(*cls);
-  EXPECT_TRUE(root) << (root ? "" : root.GetError().GetMessage());
+  EXPECT_TRUE(system->Init(CreateDefaultNodeSystemClass().Value()));
   return system;
 }
 
-// Adds the element `text` below its parent as an add operation does; a port
-// is marked for topology as well, as an edit's add marks it.
-inline GNode Add(NodeSystemImpl& system, std::string_view text) {
-  const NodePath path = P(text);
-  GNode parent =
-      system.MakeHandle(path.Slice(0, NodePath::SliceCount(int64_t(path.GetCount()) - 1)).Value());
-  Result<GNode> child =
-      system.AddChildRecord(parent, path.GetKindRaw(), path.GetLastPart(), GNode(), GFI::NONE);
-  EXPECT_TRUE(child) << text << ": " << (child ? "" : child.GetError().GetMessage());
-  if (!child) return GNode();
-  if (HasAny(path.GetKindRaw(), NODE_KIND::PORT_MASK)) {
-    EXPECT_TRUE(system.SetModified(*child, GFI::MODIFIED_TOPOLOGY));
+// Adds the elements `paths`, each below its parent, as an add operation does;
+// a port is marked for topology as well, as an edit's add marks it.
+inline void Add(NodeSystemImpl& system, std::initializer_list<std::string_view> paths) {
+  for (std::string_view text : paths) {
+    const NodePath path = P(text);
+    GNode parent = system.MakeHandle(
+        path.Slice(0, NodePath::SliceCount(int64_t(path.GetCount()) - 1)).Value());
+    Result<GNode> child =
+        system.AddChildRecord(parent, path.GetKindRaw(), path.GetLastPart(), GNode(), GFI::NONE);
+    ASSERT_TRUE(child) << text << ": " << Message(child);
+    if (HasAny(path.GetKindRaw(), NODE_KIND::PORT_MASK)) {
+      EXPECT_TRUE(system.SetModified(*child, MODIFIED_TOPOLOGY));
+    }
   }
-  return *child;
+}
+
+inline void Mark(NodeSystemImpl& system, std::string_view path, GFI bits) {
+  GNode h = system.MakeHandle(P(path));
+  ASSERT_TRUE(system.SetModified(h, bits)) << path;
 }
 
 // Stores a connection from `source` to `target` at both ends and marks both,
 // as a wire edit does.
-inline void Connect(NodeSystemImpl& system, std::string_view source, std::string_view target,
-                    uint64_t wires = 0x3f) {
-  GNode s = system.MakeHandle(P(source));
-  GNode t = system.MakeHandle(P(target));
-  NodeInfo* si = system.GetMutable(s, NODE_KIND::NONE).Value();
-  NodeInfo* ti = system.GetMutable(t, NODE_KIND::NONE).Value();
-  const ConnectionData data{Wires(wires), nullptr};
-  EXPECT_TRUE(NodeSystemImpl::ConnectionTableOf(si)->Set(
-      ConnectionKey::Make(t.path, CONNECTION_TYPE::NORMAL, CONNECTION_DIRECTION::TARGET), data));
-  EXPECT_TRUE(NodeSystemImpl::ConnectionTableOf(ti)->Set(
-      ConnectionKey::Make(s.path, CONNECTION_TYPE::NORMAL, CONNECTION_DIRECTION::SOURCE), data));
-  EXPECT_TRUE(system.SetModified(s, GFI(0x10411000000)));
-  EXPECT_TRUE(system.SetModified(t, GFI(0x8209000000)));
+inline void Connect(NodeSystemImpl& system, std::string_view source, std::string_view target) {
+  GNode ends[] = {system.MakeHandle(P(source)), system.MakeHandle(P(target))};
+  const ConnectionData data{Wires(0x3f), nullptr};
+  for (int i = 0; i < 2; ++i) {
+    NodeInfo* info = system.GetMutable(ends[i], NODE_KIND::NONE).Value();
+    EXPECT_TRUE(NodeSystemImpl::ConnectionTableOf(info)->Set(
+        ConnectionKey::Make(ends[1 - i].path, CONNECTION_TYPE::NORMAL,
+                            i ? CONNECTION_DIRECTION::SOURCE : CONNECTION_DIRECTION::TARGET),
+        data));
+  }
+  Mark(system, source, GFI(0x10411000000));
+  Mark(system, target, GFI(0x8209000000));
 }
 
-// A topology stage that numbers the top-level ports of `order` 0, 1, 2, ...
-inline std::function<Result<void>(NodeSystemImpl&)> NumberPorts(std::vector<std::string> order) {
-  return [order = std::move(order)](NodeSystemImpl& system) -> Result<void> {
-    ORVIX_TRY_ASSIGN(Ref<TopologyData> topology, NewRef<TopologyData>());
-    for (const std::string& port : order) {
-      topology->_portIndices[P(port)] = topology->_indexCount++;
-    }
-    system._topology = std::move(topology);
-    return Ok();
-  };
-}
-
-// The paths on the system's modified list, front first.
-inline std::vector<std::string> Listed(const NodeSystemImpl& system) {
-  std::vector<std::string> paths;
-  for (NodeInfo* r = system._firstModified; r && r != g_modifiedListEnd; r = r->_nextModified) {
+// The paths on the modified list that starts at `first` (the system's, or a
+// top-level port's nested list), front first.
+inline Strings Listed(const NodeInfo* first) {
+  Strings paths;
+  for (const NodeInfo* r = first; r && r != g_modifiedListEnd; r = r->_nextModified) {
     paths.push_back(r->_pathTmpHandle.ToString());
   }
   return paths;
 }
-
-// The paths on the nested list of the top-level port `port`.
-inline std::vector<std::string> ListedNested(const NodeSystemImpl& system, std::string_view port) {
-  std::vector<std::string> paths;
-  const FoundNode found = system.FindNode(P(port));
-  EXPECT_TRUE(found && found.info->AsPort());
-  if (!found || !found.info->AsPort()) return paths;
-  for (NodeInfo* r = found.info->AsPort()->_firstNestedModified; r && r != g_modifiedListEnd;
-       r = r->_nextModified) {
-    paths.push_back(r->_pathTmpHandle.ToString());
-  }
-  return paths;
-}
-
-inline GFI FlagsOf(const NodeSystemImpl& system, std::string_view path) {
-  const FoundNode found = system.FindNode(P(path));
-  return found ? found.info->flags : GFI::NONE;
-}
-
-template <typename T>
-std::string Message(const Result<T>& r) {
-  return r ? std::string("(ok)") : r.GetError().GetMessage();
+inline GFI ModifiedOf(const NodeSystemImpl& system, std::string_view path) {
+  return system.FindNode(P(path)).info->flags & MODIFIED_MASK;
 }
 
 }  // namespace orvix::nodes::test
