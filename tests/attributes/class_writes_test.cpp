@@ -31,28 +31,28 @@ class WritingClass : public NodeSystemClassImpl {
                                     const Data& oldValue) override {
     const MODE m = std::exchange(mode, MODE::NONE);
     if (m == MODE::RESET_SAME) ORVIX_TRY(system.ResetValue(node, id, nullptr));
-    if (m == MODE::GROW_TABLE) {
-      for (int i = 0; i < 8; ++i) {
-        ORVIX_TRY(system.SetValue(node, Key("other" + std::to_string(i)), Data(int64_t{i}),
-                                  nullptr));
-      }
-      oldSeen = oldValue;
+    for (int i = 0; m == MODE::GROW_TABLE && i < 8; ++i) {
+      ORVIX_TRY(system.SetValue(node, Key("other" + std::to_string(i)), Data(int64_t{i}), nullptr));
     }
+    oldSeen = oldValue;
     return NodeSystemClassImpl::AttributeChanged(system, node, id, flags, newValue, oldValue);
   }
 };
 
+// Fixed faults: the old value handed to the class was read from the table
+// that the class's own writes replaced, and a write whose record the class
+// removed wrote into the freed record.
 TEST(ClassWrites, TheOldValueOutlivesTheClassesOwnWritesAndARemovedRecordComesBack) {
   Ref<WritingClass> cls = MakeRef<WritingClass>();
   MutableRoot root = cls->CreateNodeSystem().Value();
   NodeSystem& s = *root._system;
   const GNode x = s.AddPort(s.FindByPath(Path("<")), "x", GNODE_FLAGS::NONE, nullptr).Value();
-  const std::string long_(100, 'a');
-  ASSERT_TRUE(s.SetValue(x, Key("label"), Data(long_), nullptr));
+  const Data long_(std::string(100, 'a'));
+  ASSERT_TRUE(s.SetValue(x, Key("label"), long_, nullptr));
 
   cls->mode = WritingClass::MODE::GROW_TABLE;
   ASSERT_TRUE(s.SetValue(x, Key("label"), Data("new"), nullptr).Value());
-  EXPECT_EQ(cls->oldSeen, Data(long_));
+  EXPECT_EQ(cls->oldSeen, long_);
   EXPECT_EQ(*s.GetValue(x, Key("label")).Value(), Data("new"));
 
   // The class takes the record away; the write still lands.
@@ -64,24 +64,23 @@ TEST(ClassWrites, TheOldValueOutlivesTheClassesOwnWritesAndARemovedRecordComesBa
   EXPECT_TRUE(s.GetValue(x, Key("label")).Value()->IsEmpty());
 }
 
+// Fixed fault: Compact freed the layers that a value handed out during the
+// modification still pointed into.
 TEST(ClassWrites, CompactWaitsUntilTheModificationEnds) {
-  Ref<NodeSystemClass> cls = CreateDefaultNodeSystemClass().Value();
-  MutableRoot first = cls->CreateNodeSystem().Value();
+  MutableRoot first = CreateDefaultNodeSystemClass().Value()->CreateNodeSystem().Value();
   const GNode inputs = first._system->FindByPath(Path("<"));
   ASSERT_TRUE(first._system->AddPort(inputs, "x", GNODE_FLAGS::NONE, nullptr));
-  ASSERT_TRUE(first._system->AddPort(inputs, "y", GNODE_FLAGS::NONE, nullptr));
-  ASSERT_TRUE(first._system->SetValue(first._system->FindByPath(Path("<y")), Key("label"),
-                                      Data(std::string(100, 'y')), nullptr));
+  const GNode y = first._system->AddPort(inputs, "y", GNODE_FLAGS::NONE, nullptr).Value();
+  ASSERT_TRUE(first._system->SetValue(y, Key("label"), Data(std::string(100, 'y')), nullptr));
   Ref<NodeSystem> system = first.EndModification(nullptr, FINALIZE_FLAGS::CLEANUP).Value();
   first._system.Reset();
   // Each round writes on a copy of a shared system: one more layer.
   for (int round = 0; round < 7; ++round) {
     Ref<NodeSystem> keep = system;
     MutableRoot edit = BeginModification(system, false).Value();
-    ASSERT_TRUE(edit._system->SetValue(edit._system->FindByPath(Path("<x")), Key("n"),
-                                       Data(int64_t{round}), nullptr));
-    keep.Reset();
     NodeSystemImpl& s = static_cast<NodeSystemImpl&>(*edit._system);
+    ASSERT_TRUE(s.SetValue(s.FindByPath(Path("<x")), Key("n"), Data(int64_t{round}), nullptr));
+    keep.Reset();
     if (round == 6) {
       ASSERT_GE(s.GetDepth(), NodeSystemImpl::COMPACT_DEPTH);
       const Data* held = s.GetValue(s.FindByPath(Path("<y")), Key("label")).Value();
@@ -92,9 +91,8 @@ TEST(ClassWrites, CompactWaitsUntilTheModificationEnds) {
     system = edit.EndModification(nullptr, FINALIZE_FLAGS::CLEANUP).Value();
     edit._system.Reset();
   }
-  NodeSystemImpl& done = static_cast<NodeSystemImpl&>(*system);
-  ASSERT_TRUE(done.Compact());
-  EXPECT_EQ(done.GetDepth(), 1u);
+  ASSERT_TRUE(system->Compact());
+  EXPECT_EQ(static_cast<NodeSystemImpl&>(*system).GetDepth(), 1u);
 }
 
 }  // namespace

@@ -65,10 +65,13 @@ void CollectLayers(const Model& m, NodePath::Block parts, size_t k, std::vector<
   if (m.base) CollectLayers(*m.base, parts, k, out);
 }
 
+// One report of a query; direction 0 is a source, 1 a target. The model
+// counts the layers that it walks, a nearer level's before a farther one's.
 struct Report {
   NodePath other;
   uint64_t wires;
   int direction;
+  int rank = 0;
   friend auto operator<=>(const Report&, const Report&) = default;
 };
 
@@ -85,14 +88,13 @@ std::vector<Report> Walk(const Model& t, const NodePath& port, uint64_t mask, GC
                          uint64_t maxDepth) {
   std::vector<Report> out;
   std::set<NodePath> seen;
+  const bool wanted[2] = {HasAny(flags, GCF::SOURCES), HasAny(flags, GCF::TARGETS)};
   uint64_t remaining[2] = {mask, mask};
+  int rank = 0;
   const NodePath::Block parts = port.ToBlock();
   for (size_t length = parts.size(); length > 0; --length) {
     if (NodePath::IsPortListPart(parts[length - 1])) break;
-    if (!(HasAny(flags, GCF::SOURCES) && remaining[0]) &&
-        !(HasAny(flags, GCF::TARGETS) && remaining[1])) {
-      break;
-    }
+    if (!(wanted[0] && remaining[0]) && !(wanted[1] && remaining[1])) break;
     const uint64_t levelMask[2] = {remaining[0], remaining[1]};
     const NodePath::Block level = parts.first(length);
     const NodePath::Block suffix = parts.subspan(length);
@@ -100,12 +102,13 @@ std::vector<Report> Walk(const Model& t, const NodePath& port, uint64_t mask, GC
     CollectLayers(t, level, 0, layers);
     for (const Layer& layer : layers) {
       if (layer.k > maxDepth) break;
+      ++rank;
       if (HasAny(flags, GCF::INHERITED_ONLY) && layer.holder == &t) continue;
       for (const auto& [ends, raw] : layer.holder->stored) {
         for (int direction : {0, 1}) {
-          // Direction 0 is the record at the target: its other end is the source.
+          // At the target the record's other end is the source.
           if ((direction == 0 ? ends.second : ends.first) != layer.path) continue;
-          if (!HasAny(flags, direction == 0 ? GCF::SOURCES : GCF::TARGETS)) continue;
+          if (!wanted[direction]) continue;
           const NodePath other = Join(
               level.first(layer.k), (direction == 0 ? ends.first : ends.second).ToBlock(), suffix);
           if (!t.elements.count(other)) continue;
@@ -129,7 +132,7 @@ std::vector<Report> Walk(const Model& t, const NodePath& port, uint64_t mask, GC
           }
           const uint64_t wires = suffix.empty() ? w : w | (Used(w) & IMPLICIT);
           const bool cut = HasAny(flags, GCF::TOP_LEVEL_PORTS) && !other.IsTopLevelPort();
-          out.push_back({cut ? other.GetTopLevelPort().Value() : other, wires, direction});
+          out.push_back({cut ? other.GetTopLevelPort().Value() : other, wires, direction, rank});
         }
       }
     }
@@ -159,14 +162,10 @@ void ModelConnect(Model& t, const NodePath& from, const NodePath& to, uint64_t m
   uint64_t next = 0;
   for (int shift = 0; shift < 64; shift += 8) {
     const uint64_t mode = (modes >> shift) & 0xff;
-    uint64_t byte = (current >> shift) & 0xff;
-    if (mode == uint64_t(WIRE_MODE::REMOVE)) {
-      byte = 0;
-    } else if (mode == uint64_t(WIRE_MODE::INHERIT)) {
-      byte = (inherited >> shift) & 0xff;
-    } else if (mode != 0) {
-      byte = mode;
-    }
+    const uint64_t byte = mode == uint64_t(WIRE_MODE::REMOVE)    ? 0
+                          : mode == uint64_t(WIRE_MODE::INHERIT) ? (inherited >> shift) & 0xff
+                          : mode != 0                            ? mode
+                                                                 : (current >> shift) & 0xff;
     next |= byte << shift;
   }
   if (next == current) return;
@@ -179,17 +178,20 @@ void ModelConnect(Model& t, const NodePath& from, const NodePath& to, uint64_t m
 
 std::vector<NodePath> Ports(const Model& m) {
   std::vector<NodePath> ports;
-  for (const NodePath& e : m.elements) {
-    if (HasAny(e.GetKindRaw(), NODE_KIND::PORT_MASK)) ports.push_back(e);
-  }
+  std::copy_if(m.elements.begin(), m.elements.end(), std::back_inserter(ports),
+               [](const NodePath& e) { return HasAny(e.GetKindRaw(), NODE_KIND::PORT_MASK); });
   return ports;
 }
 
-// One run: the systems of a lineage, their models, and what the random edits
-// must not do again.
+// One run: the systems of a lineage with their models, the one being edited,
+// and what the random edits must not do again.
 struct World {
   std::mt19937 rng;
   std::vector<std::unique_ptr<Model>> models;
+  NodeSystemImpl* system = nullptr;
+  Model* model = nullptr;
+  Ref<NodeSystemImpl> gate;  // the content of the nodes that the edits add
+  const Model* gateModel = nullptr;
   // The orientation of every pair wired so far: the reverse stays unwired, so
   // that no port sees one other end as source and target in the same table,
   // where the table's order would decide which one is reported.
@@ -207,46 +209,49 @@ struct World {
     if (base) models.back()->elements = base->elements;
     return *models.back();
   }
-};
+  // The model of an operator: its ports, and its wires as stored.
+  const Model& OperatorModel(const OperatorShape& shape) {
+    Model& m = NewModel(nullptr);
+    for (std::string_view port : shape.ports) m.elements.insert(P(port));
+    for (const auto& [from, to, wires] : shape.wires) m.stored[{P(from), P(to)}] = wires;
+    return m;
+  }
 
-// Applies each edit to a system under modification and to its model.
-struct Editor {
-  World& world;
-  NodeSystemImpl& system;
-  Model& model;
-
+  // Each edit goes to the system under modification and to its model.
   bool Connect(const NodePath& from, const NodePath& to, uint64_t modes) {
-    if (!system.Connect(system.FindByPath(from), system.FindByPath(to), Wires(modes), nullptr)) {
+    if (!system->Connect(system->FindByPath(from), system->FindByPath(to), Wires(modes), nullptr)) {
       return false;  // against the connect rules
     }
-    ModelConnect(model, from, to, modes);
-    world.wired.insert({from, to});
+    ModelConnect(*model, from, to, modes);
+    wired.insert({from, to});
     return true;
   }
   void AddPort(const NodePath& path) {
-    Result<GNode> port = system.AddPort(system.FindByPath(Cut(path, 1)),
-                                        path.GetLastPart().GetString(), GNODE_FLAGS::NONE, nullptr);
+    Result<GNode> port =
+        system->AddPort(system->FindByPath(Cut(path, 1)), path.GetLastPart().GetString(),
+                        GNODE_FLAGS::NONE, nullptr);
     ASSERT_TRUE(port) << path.ToString() << ": " << Message(port);
-    model.elements.insert(path);
-    world.universe.insert(path);
+    model->elements.insert(path);
+    universe.insert(path);
   }
   void AddNode(std::string_view id, const Ref<NodeSystemImpl>& content, const Model& inside) {
-    ASSERT_TRUE(system.AddChild(id, content, nullptr));
+    ASSERT_TRUE(system->AddChild(id, content, nullptr));
     const NodePath node = P(id);
-    model.nested[node] = &inside;
-    model.elements.insert(node);
-    for (const NodePath& e : inside.elements)
-      model.elements.insert(Join(node.ToBlock(), e.ToBlock()));
-    world.universe.insert(model.elements.begin(), model.elements.end());
+    model->nested[node] = &inside;
+    model->elements.insert(node);
+    for (const NodePath& e : inside.elements) {
+      model->elements.insert(Join(node.ToBlock(), e.ToBlock()));
+    }
+    universe.insert(model->elements.begin(), model->elements.end());
   }
   void Remove(const NodePath& path) {
-    Result<void> r = system.Remove(system.FindByPath(path), nullptr);
+    Result<void> r = system->Remove(system->FindByPath(path), nullptr);
     ASSERT_TRUE(r) << path.ToString() << ": " << Message(r);
-    std::erase_if(model.elements, [&](const NodePath& e) { return e.StartsWith(path); });
-    std::erase_if(model.stored, [&](const auto& entry) {
+    std::erase_if(model->elements, [&](const NodePath& e) { return e.StartsWith(path); });
+    std::erase_if(model->stored, [&](const auto& entry) {
       return entry.first.first.StartsWith(path) || entry.first.second.StartsWith(path);
     });
-    world.removed.insert(path);
+    removed.insert(path);
   }
 
   uint64_t RandomModes() {
@@ -254,67 +259,62 @@ struct Editor {
     uint64_t word = 0;
     for (int channel = 0; channel < 8; ++channel) {
       const bool rare = channel == 4 || channel >= 6;
-      if (world.Pick(10) < (rare ? 1u : 4u))
-        word |= uint64_t(modes[world.Pick(8)]) << (8 * channel);
+      if (Pick(10) < (rare ? 1u : 4u)) word |= uint64_t(modes[Pick(8)]) << (8 * channel);
     }
     return word;
   }
-
   void RandomConnect() {
-    const std::vector<NodePath> ports = Ports(model);
+    const std::vector<NodePath> ports = Ports(*model);
     for (int attempt = 0; attempt < 30; ++attempt) {
-      NodePath from = ports[world.Pick(ports.size())];
-      NodePath to = ports[world.Pick(ports.size())];
-      if (world.Pick(3) == 0) {
+      NodePath from = ports[Pick(ports.size())];
+      NodePath to = ports[Pick(ports.size())];
+      if (Pick(3) == 0) {
         // Rewire what is there, here or in a base.
-        const std::vector<Report> targets = Walk(model, from, LOW6, GCF::TARGETS, UNLIMITED_DEPTH);
-        if (!targets.empty()) to = targets[world.Pick(targets.size())].other;
+        const std::vector<Report> targets = Walk(*model, from, LOW6, GCF::TARGETS, UNLIMITED_DEPTH);
+        if (!targets.empty()) to = targets[Pick(targets.size())].other;
       }
-      if (world.wired.count({to, from})) continue;
-      if (Connect(from, to, RandomModes())) return;
+      if (!wired.count({to, from}) && Connect(from, to, RandomModes())) return;
     }
   }
-
-  void RandomEdit(const Ref<NodeSystemImpl>& gate, const Model& gateModel) {
-    const size_t roll = world.Pick(20);
-    const std::vector<NodePath> ports = Ports(model);
+  void RandomEdit() {
+    const size_t roll = Pick(20);
+    const std::vector<NodePath> ports = Ports(*model);
     if (roll < 14) return RandomConnect();
     if (roll < 17) {
       // A nested port below any port, or a new port of the root.
       NodePath path;
-      if (world.Pick(4) == 0) {
-        path = P((world.Pick(2) ? "<t" : ">t") + std::to_string(world.nextId++));
+      if (Pick(4) == 0) {
+        path = P((Pick(2) ? "<t" : ">t") + std::to_string(nextId++));
       } else {
-        const NodePath& parent = ports[world.Pick(ports.size())];
+        const NodePath& parent = ports[Pick(ports.size())];
         if (parent.GetCount() - parent.GetNodeCount() > 3) return;
-        path = parent.Append(InternedId::Get(std::string(1, "xyz"[world.Pick(3)]))).Value();
+        path = parent.Append(InternedId::Get(std::string(1, "xyz"[Pick(3)]))).Value();
       }
-      if (!model.elements.count(path) && !world.removed.count(path)) AddPort(path);
+      if (!model->elements.count(path) && !removed.count(path)) AddPort(path);
       return;
     }
     if (roll < 18) {
       // A nested port, or a port of the root; the top-level ports of nodes stay.
       std::vector<NodePath> removable;
-      for (const NodePath& p : ports) {
-        if (!p.IsTopLevelPort() || NodePath::IsPortListPart(p.GetPart(0))) removable.push_back(p);
-      }
-      if (!removable.empty()) Remove(removable[world.Pick(removable.size())]);
+      std::copy_if(ports.begin(), ports.end(), std::back_inserter(removable),
+                   [](const NodePath& p) {
+                     return !p.IsTopLevelPort() || NodePath::IsPortListPart(p.GetPart(0));
+                   });
+      if (!removable.empty()) Remove(removable[Pick(removable.size())]);
       return;
     }
     std::vector<NodePath> nodes;
-    for (const NodePath& e : model.elements) {
-      if (e.GetCount() == 1 && e.GetKindRaw() == NODE_KIND::NODE) nodes.push_back(e);
-    }
-    if (roll == 18) {
-      if (nodes.size() > 3) return Remove(nodes[world.Pick(nodes.size())]);
-      return RandomConnect();
-    }
-    AddNode("g" + std::to_string(world.nextId++), gate, gateModel);
+    std::copy_if(
+        model->elements.begin(), model->elements.end(), std::back_inserter(nodes),
+        [](const NodePath& e) { return e.GetCount() == 1 && e.GetKindRaw() == NODE_KIND::NODE; });
+    if (roll == 18) return nodes.size() > 3 ? Remove(nodes[Pick(nodes.size())]) : RandomConnect();
+    AddNode("g" + std::to_string(nextId++), gate, *gateModel);
   }
 };
 
+// The reports of the system's query; `ranToEnd` tells whether it went through.
 std::vector<Report> Actual(const NodeSystemImpl& s, const NodePath& port, uint64_t mask, GCF flags,
-                           uint64_t maxDepth, const NodePath& filter = NodePath(),
+                           uint64_t maxDepth, const NodePath& filter = {},
                            bool* ranToEnd = nullptr) {
   std::vector<Report> out;
   ConnectionQuery query;
@@ -334,44 +334,59 @@ std::vector<Report> Actual(const NodeSystemImpl& s, const NodePath& port, uint64
   return out;
 }
 
-void Check(World& world, const NodeSystemImpl& s, const Model& m, const std::string& name) {
+void Check(World& w, const NodeSystemImpl& s, const Model& m, const std::string& name) {
   SCOPED_TRACE(name);
   EXPECT_EQ(Message(s.CheckConnectionConsistency()), "(ok)");
-  for (const NodePath& path : world.universe) {
+  for (const NodePath& path : w.universe) {
     ASSERT_EQ(bool(s.FindByPath(path)), m.elements.count(path) == 1) << path.ToString();
   }
   static constexpr uint8_t maskBytes[] = {0, 0x3f, 0x7f, 0x7f, 0x40};
   static constexpr GCF optional[] = {GCF::TOP_LEVEL_PORTS, GCF::EXTERNAL_CONNECTIONS,
                                      GCF::WITHOUT_INHIBITED, GCF::WITHOUT_IMPLICIT,
                                      GCF::INHERITED_ONLY};
+  static constexpr uint64_t depths[] = {UNLIMITED_DEPTH, UNLIMITED_DEPTH, 0, 1};
   auto randomMask = [&] {
     uint64_t mask = 0;
     for (int channel = 0; channel < 8; ++channel) {
-      mask |= uint64_t(maskBytes[world.Pick(5)]) << (8 * channel);
+      mask |= uint64_t(maskBytes[w.Pick(5)]) << (8 * channel);
     }
     return mask;
   };
   auto randomFlags = [&](GCF flags) {
     for (GCF f : optional) {
-      if (world.Pick(4) == 0) flags |= f;
+      if (w.Pick(4) == 0) flags |= f;
     }
     return flags;
   };
-  static constexpr uint64_t depths[] = {UNLIMITED_DEPTH, UNLIMITED_DEPTH, 0, 1};
   int failures = 0;
   const std::vector<NodePath> ports = Ports(m);
   for (const NodePath& port : ports) {
     for (int round = 0; round < 8 && failures < 5; ++round) {
-      const GCF flags = randomFlags(world.Pick(3) == 0   ? GCF::SOURCES
-                                    : world.Pick(2) == 0 ? GCF::TARGETS
-                                                         : GCF::SOURCES | GCF::TARGETS);
+      const GCF flags = randomFlags(w.Pick(3) == 0   ? GCF::SOURCES
+                                    : w.Pick(2) == 0 ? GCF::TARGETS
+                                                     : GCF::SOURCES | GCF::TARGETS);
       const uint64_t mask = round == 0 ? ALL_WIRES_IMPLICIT_MASK : randomMask();
-      const uint64_t depth = depths[world.Pick(4)];
-      const std::string expected = Text(Walk(m, port, mask, flags, depth));
-      const std::string actual = Text(Actual(s, port, mask, flags, depth));
-      if (expected != actual) ++failures;
-      EXPECT_EQ(expected, actual) << port.ToString() << " flags 0x" << std::hex << ToBits(flags)
-                                  << " mask 0x" << mask << " depth 0x" << depth;
+      const uint64_t depth = depths[w.Pick(4)];
+      const std::vector<Report> expected = Walk(m, port, mask, flags, depth);
+      const std::vector<Report> actual = Actual(s, port, mask, flags, depth);
+      std::ostringstream query;
+      query << port.ToString() << " flags 0x" << std::hex << ToBits(flags) << " mask 0x" << mask
+            << " depth 0x" << depth;
+      failures += Text(expected) != Text(actual);
+      EXPECT_EQ(Text(expected), Text(actual)) << query.str();
+      // In each direction nearer levels come first, and in a level newer layers
+      // before older ones.
+      std::vector<Report> unmatched = expected;
+      int last[2] = {0, 0};
+      for (const Report& a : actual) {
+        const auto e = std::find_if(unmatched.begin(), unmatched.end(), [&](const Report& e) {
+          return e.other == a.other && e.direction == a.direction && e.wires == a.wires;
+        });
+        if (e == unmatched.end()) continue;
+        EXPECT_GE(e->rank, last[a.direction]) << query.str() << ": " << a.other.ToString();
+        last[a.direction] = e->rank;
+        unmatched.erase(e);
+      }
     }
     // The filtered walk finds exactly what the unfiltered one reports for the
     // filter's port, and GetConnection is the plain walk at the port's level.
@@ -380,80 +395,54 @@ void Check(World& world, const NodeSystemImpl& s, const Model& m, const std::str
     const std::vector<Report> all = Actual(s, port, mask, flags, UNLIMITED_DEPTH);
     for (const NodePath& other : ports) {
       bool ranToEnd = true;
-      const std::vector<Report> found =
-          Actual(s, port, mask, flags, UNLIMITED_DEPTH, other, &ranToEnd);
+      const std::string found =
+          Text(Actual(s, port, mask, flags, UNLIMITED_DEPTH, other, &ranToEnd));
       const auto it =
           std::find_if(all.begin(), all.end(), [&](const Report& r) { return r.other == other; });
-      EXPECT_EQ(!ranToEnd, it != all.end()) << port.ToString() << " -> " << other.ToString();
-      EXPECT_EQ(Text(found), it != all.end() ? Text({*it}) : "") << port.ToString();
+      SCOPED_TRACE(port.ToString() + " -> " + other.ToString());
+      EXPECT_EQ(!ranToEnd, it != all.end());
+      EXPECT_EQ(found, it != all.end() ? Text({*it}) : "");
       EXPECT_EQ(s.GetConnection(s.FindByPath(port), s.FindByPath(other)).Value().GetValue(),
-                Lookup(m, port, other, GCF::NONE))
-          << port.ToString() << " -> " << other.ToString();
+                Lookup(m, port, other, GCF::NONE));
     }
   }
 }
 
-// Random edits of one system: `count` of them, then the end of the
-// modification, which checks both ends of every wire when the suite runs
-// with that check switched on.
-void Edit(Editor& editor, int count, const Ref<NodeSystemImpl>& gate, const Model& gateModel) {
-  for (int i = 0; i < count && !testing::Test::HasFatalFailure(); ++i) {
-    editor.RandomEdit(gate, gateModel);
-  }
-  Finish(editor.system);
-}
-
-Ref<NodeSystemImpl> BuildOperator(World& world, const OperatorShape& shape, Model*& model) {
-  Ref<NodeSystemImpl> s = NewSystem();
-  model = &world.NewModel(nullptr);
-  EXPECT_TRUE(s->BeginModification());
-  Editor editor{world, *s, *model};
-  for (std::string_view port : shape.ports) editor.AddPort(P(port));
-  for (const auto& [from, to, wires] : shape.wires)
-    EXPECT_TRUE(editor.Connect(P(from), P(to), wires));
-  Finish(*s);
-  return s;
-}
-
 class RandomGraphs : public testing::TestWithParam<uint32_t> {};
 
+// Random edits of a system, of one derived from it and of one derived from
+// that; each modification's end checks both ends of every wire when the
+// suite runs with that check switched on.
 TEST_P(RandomGraphs, QueriesMatchTheModel) {
   // A far end that lacks the nested ports of a wire's near end is skipped
   // quietly: no internal-error line.
   CapturedOutput output;
-  World world(GetParam());
-  Model* adderModel = nullptr;
-  Model* gateModel = nullptr;
-  const Ref<NodeSystemImpl> adder = BuildOperator(world, Adder(), adderModel);
-  const Ref<NodeSystemImpl> gate = BuildOperator(world, Gate(), gateModel);
-  world.universe.clear();  // the operators' own paths aren't paths of the graphs
+  World w(GetParam());
+  const Ref<NodeSystemImpl> adder = MakeOperator(Adder());
+  const Model& adderModel = w.OperatorModel(Adder());
+  w.gate = MakeOperator(Gate());
+  w.gateModel = &w.OperatorModel(Gate());
 
-  Ref<NodeSystemImpl> g = NewSystem();
-  Model& gm = world.NewModel(nullptr);
-  ASSERT_TRUE(g->BeginModification());
-  Editor editor{world, *g, gm};
-  for (const char* port : {"<r", "<r/x", "<r/y", "<s", ">q", ">q/x", ">u"}) editor.AddPort(P(port));
-  editor.AddNode("n1", adder, *adderModel);
-  editor.AddNode("n2", gate, *gateModel);
-  editor.AddNode("n3", adder, *adderModel);
-  Edit(editor, 100, gate, *gateModel);
-  Check(world, *g, gm, "system");
-
-  Ref<NodeSystemImpl> d1 = NodeSystemImpl::CreateDerived(g).Value();
-  Model& d1m = world.NewModel(&gm);
-  ASSERT_TRUE(d1->BeginModification());
-  Editor derived{world, *d1, d1m};
-  Edit(derived, 60, gate, *gateModel);
-  Check(world, *d1, d1m, "derived");
-
-  Ref<NodeSystemImpl> d2 = NodeSystemImpl::CreateDerived(d1).Value();
-  Model& d2m = world.NewModel(&d1m);
-  ASSERT_TRUE(d2->BeginModification());
-  Editor twice{world, *d2, d2m};
-  Edit(twice, 40, gate, *gateModel);
-  Check(world, *d2, d2m, "derived twice");
+  const std::pair<const char*, int> stages[] = {
+      {"system", 100}, {"derived", 60}, {"derived twice", 40}};
+  std::vector<std::pair<Ref<NodeSystemImpl>, const Model*>> lineage;
+  for (const auto& [name, edits] : stages) {
+    const Ref<NodeSystemImpl> s = Open(lineage.empty() ? nullptr : lineage.back().first);
+    w.system = s.Get();
+    w.model = &w.NewModel(lineage.empty() ? nullptr : lineage.back().second);
+    if (lineage.empty()) {
+      for (const char* port : {"<r", "<r/x", "<r/y", "<s", ">q", ">q/x", ">u"}) w.AddPort(P(port));
+      w.AddNode("n1", adder, adderModel);
+      w.AddNode("n2", w.gate, *w.gateModel);
+      w.AddNode("n3", adder, adderModel);
+    }
+    for (int i = 0; i < edits && !HasFatalFailure(); ++i) w.RandomEdit();
+    Finish(*s);
+    Check(w, *s, *w.model, name);
+    lineage.emplace_back(s, w.model);
+  }
   // What the derived systems changed stays out of their bases.
-  Check(world, *g, gm, "system again");
+  Check(w, *lineage[0].first, *lineage[0].second, "system again");
   EXPECT_TRUE(output.Texts(OUTPUT_LEVEL::CRITICAL).empty());
 }
 

@@ -30,13 +30,16 @@ inline NodePath Cut(const NodePath& path, size_t n) {
   return path.Slice(0, NodePath::SliceCount(int64_t(path.GetCount() - n))).Value();
 }
 
-// A finalized empty system, made as an implementation so that others can
-// derive from it.
-inline Ref<NodeSystemImpl> NewSystem() {
-  Ref<NodeSystemImpl> system = MakeRef<NodeSystemImpl>();
-  Result<GNode> root = system->Init(CreateDefaultNodeSystemClass().Value());
-  EXPECT_TRUE(root) << Message(root);
-  return system;
+// An empty system under modification, made as an implementation so that
+// others can derive from it; or, given `base`, a system derived from that.
+inline Ref<NodeSystemImpl> Open(const Ref<NodeSystemImpl>& base = nullptr) {
+  Ref<NodeSystemImpl> s =
+      base ? NodeSystemImpl::CreateDerived(base).Value() : MakeRef<NodeSystemImpl>();
+  if (!base) {
+    EXPECT_TRUE(s->Init(CreateDefaultNodeSystemClass().Value()));
+  }
+  EXPECT_TRUE(s->BeginModification());
+  return s;
 }
 
 // Adds each port of `paths`, parents before their nested ports.
@@ -83,17 +86,11 @@ inline const OperatorShape& Gate() {
 }
 
 inline Ref<NodeSystemImpl> MakeOperator(const OperatorShape& shape) {
-  Ref<NodeSystemImpl> s = NewSystem();
-  EXPECT_TRUE(s->BeginModification());
+  Ref<NodeSystemImpl> s = Open();
   for (std::string_view port : shape.ports) AddPorts(*s, {port});
   for (const auto& [from, to, wires] : shape.wires) Wire(*s, from, to, wires);
   Finish(*s);
   return s;
-}
-
-inline void AddNode(NodeSystemImpl& s, std::string_view id, const Ref<NodeSystemImpl>& content) {
-  Result<GNode> node = s.AddChild(id, content, nullptr);
-  EXPECT_TRUE(node) << id << ": " << Message(node);
 }
 
 }  // namespace orvix::nodes::test
