@@ -116,6 +116,34 @@ FoundNode NodeSystemImpl::FindNode(NodePath::Block parts, NODE_KIND kinds, bool 
   return _FindChecked(parts, NodePath::HashBlock(parts), kinds, mayBeAbsent, skipOwn);
 }
 
+bool NodeSystemImpl::_MayHold(const NodeSystemImpl* holder, NodePath::Block parts) const {
+  // The bases first: a derived system's handles mostly name one of them, and
+  // the chain is followed by pointer, without hashing.
+  for (const NodeSystemImpl* s = this; s; s = s->_BaseImpl()) {
+    if (s == holder) return true;
+  }
+  // Then the systems that a lookup of the path passes through, as _FindPlain
+  // goes: into the nested system of a node, or down to the base.
+  const InternedId inputs = NodePath::GetInputsId();
+  const InternedId outputs = NodePath::GetOutputsId();
+  const NodeSystemImpl* system = this;
+  for (size_t hop = 0; hop < MAX_HOPS && system; ++hop) {
+    if (system == holder) return true;
+    const NodeMap* map = system->_nodes.Get();
+    if (!map) return false;
+    if (parts.size() >= 2 && !(parts[0] == inputs) && !(parts[0] == outputs)) {
+      const NodePath::Block first = parts.first(1);
+      if (NodeSystemImpl* nested = NestedOf(map->Find(NodePath::HashBlock(first), first))) {
+        system = nested;
+        parts = parts.subspan(1);
+        continue;
+      }
+    }
+    system = NestedOf(map->Find(0, NodePath::Block()));
+  }
+  return false;
+}
+
 void NodeSystemImpl::Refresh(GNode& handle) const {
   if (!handle.info) return;
   if (!_nodes) {
@@ -130,14 +158,18 @@ void NodeSystemImpl::Refresh(GNode& handle) const {
       return;
     }
   } else {
-    if (handle.stamp >= _createdStamp) return;
+    // The stamps speak only for a holder that this system keeps alive. A
+    // handle of any other system (an unrelated one, a copy, one since freed)
+    // may point at a record that is gone: it is looked up by path.
+    const bool held = _MayHold(handle.system, handle.path.ToBlock());
+    if (held && handle.stamp >= _createdStamp) return;
     if (NodeInfo* info = _nodes->Find(handle.path)) {
       handle.info = info;
       handle.system = const_cast<NodeSystemImpl*>(this);
       handle.stamp = _movedStamp;
       return;
     }
-    if (_removedStamp <= handle.stamp) {
+    if (held && _removedStamp <= handle.stamp) {
       // Nothing was made here nor removed since: the base still answers.
       handle.stamp = _createdStamp;
       return;

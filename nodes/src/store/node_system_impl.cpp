@@ -4,6 +4,7 @@
 #include "store/node_system_impl.h"
 
 #include <algorithm>
+#include <atomic>
 #include <new>
 #include <unordered_set>
 #include <utility>
@@ -27,12 +28,28 @@ Result<void> CheckUsableSource(const NodeSystemImpl& source) {
     return Error(ERROR_CLASS::ILLEGAL_STATE, std::string(BASE_NOT_VALIDATED));
   return Ok();
 }
+// The highest handle stamp of any system that is gone. A handle names its
+// holder by address, and a new system may be allocated where a freed one
+// was; starting every new system's handle stamps above this keeps a handle
+// of the old one from passing for one of the new system's own.
+std::atomic<uint64_t> g_retiredHandleStamp{0};
+
+uint64_t FirstHandleStamp() noexcept {
+  return g_retiredHandleStamp.load(std::memory_order_acquire) + 1;
+}
 }  // namespace
 
-NodeSystemImpl::NodeSystemImpl() = default;
+NodeSystemImpl::NodeSystemImpl()
+    : _createdStamp(FirstHandleStamp()), _movedStamp(_createdStamp) {}
 
 NodeSystemImpl::~NodeSystemImpl() {
   _FreeGarbage();
+  const uint64_t last = std::max(_createdStamp, _movedStamp);
+  uint64_t retired = g_retiredHandleStamp.load(std::memory_order_relaxed);
+  while (retired < last && !g_retiredHandleStamp.compare_exchange_weak(
+                               retired, last, std::memory_order_release,
+                               std::memory_order_relaxed)) {
+  }
 }
 
 void NodeSystemImpl::_FreeGarbage() noexcept {
@@ -78,7 +95,8 @@ Result<Ref<NodeSystemImpl>> NodeSystemImpl::CreateDerived(Ref<NodeSystemImpl> ba
   system->_level = base->_level + 1;
   // Above every stamp of the base, so that a handle the base made is looked
   // up again here rather than taken as this system's.
-  system->_createdStamp = std::max(base->_createdStamp, base->_movedStamp) + 1;
+  system->_createdStamp =
+      std::max(system->_createdStamp, std::max(base->_createdStamp, base->_movedStamp) + 1);
   system->_movedStamp = system->_createdStamp;
   system->_class = base->_class;
   system->_stages = base->_stages;
@@ -130,7 +148,7 @@ Result<void> NodeSystemImpl::CopyFrom(const NodeSystemImpl& source) {
   // their holder; starting above them makes each such handle look its path up
   // again here on first use, so that it learns that the records are now this
   // system's.
-  _createdStamp = std::max(source._createdStamp, source._movedStamp) + 1;
+  _createdStamp = std::max(_createdStamp, std::max(source._createdStamp, source._movedStamp) + 1);
   _removedStamp = source._removedStamp;
   _movedStamp = _createdStamp;
   _modificationStamp = source._modificationStamp;

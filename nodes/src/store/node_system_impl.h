@@ -458,6 +458,14 @@ class NodeSystemImpl final : public NodeSystem {
   bool _CheckBaseHit(NodePath::Block parts, const FoundNode& hit) const {
     return !IsRemovedAbove(parts, *hit.system);
   }
+  // True if `holder` is a system that this one keeps alive and that a lookup
+  // of `parts` may end in: this system, a base, or a nested system on the
+  // way. Only such a holder's handles are taken at their stamp.
+  bool _MayHold(const NodeSystemImpl* holder, NodePath::Block parts) const;
+  // The direct base, held in `_bases`; null for a system without one.
+  const NodeSystemImpl* _BaseImpl() const noexcept {
+    return _bases.empty() ? nullptr : static_cast<const NodeSystemImpl*>(_bases[0].Get());
+  }
   FoundNode _FindChecked(NodePath::Block parts, uint64_t hash, NODE_KIND kinds, bool mayBeAbsent,
                          bool skipOwn) const;
   // The stamp that a handle of a record of `holder` gets.
