@@ -3,6 +3,7 @@
 
 #include <new>
 #include <utility>
+#include <vector>
 
 #include "orvix/host/error.h"
 #include "orvix/host/format.h"
@@ -98,9 +99,34 @@ Result<GNode> NodeSystemImpl::AddChildRecord(GNode& parent, NODE_KIND kind, Inte
   info->_addedStamp = _modificationStamp;
   _structureStamp = _modificationStamp;
   info->flags |= (parentInfo->flags & GFI::INHERIT_FROM_PARENT_MASK) | flags;
-  ORVIX_TRY(SetModified(child, NEW_ELEMENT_BITS));
+  // Marking a nested port fetches its top-level port for writing, which may
+  // fail; an element that validation would never visit must not stay.
+  if (Result<void> marked = SetModified(child, NEW_ELEMENT_BITS); !marked) {
+    DropAddedRecord(child.path);
+    undo();
+    return std::move(marked).GetError();
+  }
   if (inserted) *inserted = isNew;
   return child;
+}
+
+void NodeSystemImpl::DropAddedRecord(const NodePath& path) noexcept {
+  // The record was made in the top layer of a writable map by this edit, so
+  // removing it allocates nothing: it leaves the chain, or stays behind as
+  // the tombstone it replaced, or waits for the garbage pass if listed.
+  static_cast<void>(RemoveEntry(path));
+}
+
+void NodeSystemImpl::TakeBackAdd(GNode& parent, InternedId id, bool inserted) noexcept {
+  if (NodeInfo* parentInfo = parent.info) {
+    if (inserted) {
+      parentInfo->children.Erase(id);
+    } else if (ChildRecord* r = parentInfo->children.FindForWriting(id)) {
+      // The child record was one that hid a base's child; it hides it again.
+      r->flags = CHILD_FLAGS::NONE;
+    }
+  }
+  NoteRemoval();
 }
 
 // ---------------------------------------------------------------------------
@@ -184,61 +210,85 @@ Result<GNode> NodeSystemImpl::AddNode(InternedId id, Ref<NodeSystem> system,
   // The topological results of the content are computed once topology
   // validation is installed; a content without them has nothing to finish.
 
-  if (_level <= content->_level) _level = content->_level + 1;
-
   GNode root = GetRoot();
   const GNode contentRoot = content->GetRoot();
-  ORVIX_TRY_ASSIGN(GNode node,
-                   AddChildRecord(root, NODE_KIND::NODE, id, contentRoot, GFI::NONE));
-  ORVIX_TRY(SetModified(node, GFI::MODIFIED_TOPOLOGY));
+  bool inserted = false;
+  ORVIX_TRY_ASSIGN(GNode node, AddChildRecord(root, NODE_KIND::NODE, id, contentRoot, GFI::NONE,
+                                              &inserted));
+  // From here on the node is in the tree. Each later step may run out of
+  // memory; the node then goes again with every record the add made, so that
+  // the edit is all or nothing.
+  std::vector<NodePath> made;
+  std::vector<NodePath> loopKeys;
+  const uint64_t oldLevel = _level;
+  auto takeBack = [&](Error error) -> Error {
+    for (const NodePath& key : loopKeys) _loopDependencies.erase(key);
+    for (auto it = made.rbegin(); it != made.rend(); ++it) DropAddedRecord(*it);
+    DropAddedRecord(node.path);
+    TakeBackAdd(root, id, inserted);
+    _level = oldLevel;
+    return error;
+  };
+  if (_level <= content->_level) _level = content->_level + 1;
+  if (Result<void> marked = SetModified(node, GFI::MODIFIED_TOPOLOGY); !marked) {
+    return takeBack(std::move(marked).GetError());
+  }
   NodeRecord* record = node.info->AsNode();
   record->_nestedSystem = system;
   record->_nestedData = std::move(companion);
   record->flags |= GFI::DIRECT_INSTANCE;
 
-  const InternedId nodeSystemPort = InternedId::Get(NODE_SYSTEM_PORT_ID);
-  for (const PORT_DIR direction : {PORT_DIR::INPUT, PORT_DIR::OUTPUT}) {
-    ORVIX_TRY_ASSIGN(GNode list, GetPortList(node, direction));
-    if (!list) continue;
-    ChildIterator it;
-    StartChildren(it, list);
+  Result<void> rest = _MarkNewNodeAndTakeItsLoops(node, *content, publicCall, made, loopKeys);
+  if (!rest) return takeBack(std::move(rest).GetError());
+  Refresh(node);
+  return node;
+}
+
+Result<void> NodeSystemImpl::_MarkNewNodeAndTakeItsLoops(GNode& node, const NodeSystemImpl& content,
+                                                         bool publicCall,
+                                                         std::vector<NodePath>& made,
+                                                         std::vector<NodePath>& loopKeys) {
+  try {
+    const InternedId nodeSystemPort = InternedId::Get(NODE_SYSTEM_PORT_ID);
     std::vector<InternedId> ports;
-    try {
+    for (const PORT_DIR direction : {PORT_DIR::INPUT, PORT_DIR::OUTPUT}) {
+      ORVIX_TRY_ASSIGN(GNode list, GetPortList(node, direction));
+      if (!list) continue;
+      ChildIterator it;
+      StartChildren(it, list);
+      ports.clear();
       for (InternedId port = NextChildId(it); port.IsPopulated(); port = NextChildId(it)) {
         if (!(port == nodeSystemPort)) ports.push_back(port);
       }
-    } catch (const std::bad_alloc&) {
-      return OutOfMemoryError();
+      made.reserve(made.size() + ports.size());
+      for (const InternedId port : ports) {
+        ORVIX_TRY_ASSIGN(NodePath portPath, list.path.Append(port));
+        GNode handle = MakeHandle(portPath);
+        made.push_back(portPath);
+        ORVIX_TRY(SetModified(handle, NEW_NODE_PORT_BITS));
+      }
     }
-    for (const InternedId port : ports) {
-      ORVIX_TRY_ASSIGN(NodePath portPath, list.path.Append(port));
-      GNode handle = MakeHandle(portPath);
-      ORVIX_TRY(SetModified(handle, NEW_NODE_PORT_BITS));
+    if (publicCall) {
+      ORVIX_TRY(SetValue(node, InternedId::Get(CHECK_UNIQUE_NUMBER_ID),
+                         Data(CHECK_UNIQUE_NUMBER_PENDING), nullptr));
     }
-  }
-
-  if (publicCall) {
-    ORVIX_TRY(SetValue(node, InternedId::Get(CHECK_UNIQUE_NUMBER_ID),
-                       Data(CHECK_UNIQUE_NUMBER_PENDING), nullptr));
-  }
-
-  // The loop records of the content now live below the node.
-  if (!content->_loopDependencies.empty()) {
-    const InternedId prefix[] = {id};
-    try {
-      for (const auto& [path, loop] : content->_loopDependencies) {
+    // The loop records of the content now live below the node.
+    if (!content._loopDependencies.empty()) {
+      const InternedId prefix[] = {node.path.GetLastPart()};
+      loopKeys.reserve(content._loopDependencies.size());
+      for (const auto& [path, loop] : content._loopDependencies) {
         ORVIX_TRY_ASSIGN(NodePath key, path.Prepend(prefix));
+        loopKeys.push_back(key);
         LoopRecord& taken = _loopDependencies[std::move(key)];
         taken = loop;
         taken.validationCount = _attribValidationCount;
       }
-    } catch (const std::bad_alloc&) {
-      return OutOfMemoryError();
+      _systemFlags |= GFI::MODIFIED_SAV_LOOP_DEPENDENCIES_CHANGE;
     }
-    _systemFlags |= GFI::MODIFIED_SAV_LOOP_DEPENDENCIES_CHANGE;
+  } catch (const std::bad_alloc&) {
+    return OutOfMemoryError();
   }
-  Refresh(node);
-  return node;
+  return Ok();
 }
 
 }  // namespace orvix::nodes

@@ -122,6 +122,11 @@ Result<void> NodeSystemImpl::ConnectImpl(const GNode& source, const GNode& targe
 
   ORVIX_TRY_ASSIGN(NodeInfo * fromInfo, GetMutable(from, NODE_KIND::NONE));
   ORVIX_TRY_ASSIGN(NodeInfo * toInfo, GetMutable(to, NODE_KIND::NONE));
+  // Marks first: marking a nested port fetches its top-level port for
+  // writing, which may fail, and a wire that validation wouldn't visit must
+  // not be stored. Records never move, so the pointers above stay good.
+  ORVIX_TRY(SetModified(from, SOURCE_END_BITS));
+  ORVIX_TRY(SetModified(to, TARGET_END_BITS));
   ConnectionTable* fromTable = ConnectionTableOf(fromInfo);
   ConnectionTable* toTable = ConnectionTableOf(toInfo);
   if (!fromTable || !toTable) return ConditionError(CONDITION_KIND::ASSERTION, "fromTable && toTable");
@@ -152,8 +157,6 @@ Result<void> NodeSystemImpl::ConnectImpl(const GNode& source, const GNode& targe
     *atSource = next;
     *atTarget = std::move(next);
   }
-  ORVIX_TRY(SetModified(from, SOURCE_END_BITS));
-  ORVIX_TRY(SetModified(to, TARGET_END_BITS));
   return Ok();
 }
 

@@ -84,7 +84,15 @@ class NodeSystemImpl final : public NodeSystem {
   Result<GNode> AddChildRecord(GNode& parent, NODE_KIND kind, InternedId id, const GNode& base,
                                GNODE_FLAGS_IMPL flags, bool* inserted = nullptr);
 
-  // --- Structural edits (store/add.cpp, store/connect.cpp, store/remove.cpp).
+  // Takes back a record that the running edit made in the top layer (see
+  // AddChildRecord); allocates nothing.
+  void DropAddedRecord(const NodePath& path) noexcept;
+  // Takes back the child record of `id` that AddChildRecord set in `parent`
+  // (a record of this system's top layer): erased if `inserted`, otherwise
+  // hiding the base's child again. Every handle looks again afterwards.
+  void TakeBackAdd(GNode& parent, InternedId id, bool inserted) noexcept;
+
+  // --- Structural edits (store/add_edits.cpp, store/connect_edits.cpp, store/remove_edits.cpp).
 
   // The node `id` made from the finished system `system` and its companion
   // reference (null for a system that no template made). `publicCall` marks
@@ -496,17 +504,39 @@ class NodeSystemImpl final : public NodeSystem {
   // The flags and derived attribute of `id` by the class.
   ATTRIBUTE_FLAGS _AttributeFlags(InternedId id) const;
   Ref<DerivedAttribute> _DerivedAttribute(InternedId id) const;
+  // The steps of AddNode after the node is in the tree: the marks of its
+  // ports, "checkuniquenumber" for a public call, and the content's loop
+  // records. `made` and `loopKeys` collect what to take back on failure.
+  Result<void> _MarkNewNodeAndTakeItsLoops(GNode& node, const NodeSystemImpl& content,
+                                           bool publicCall, std::vector<NodePath>& made,
+                                           std::vector<NodePath>& loopKeys);
   // The passes of the port stage.
   Result<void> _RunPortPasses();
-  // Removes the subtree of `node`, children first: marks the ports connected
-  // from outside `top`, clears the connections and entries this system holds,
-  // and drops loop records.
-  Result<void> _RemoveSubtree(const GNode& node, const NodePath& top);
-  // Takes the reverse entry of each normal connection and each source
-  // shortcut of the port `self` from the other end, then empties `table`.
-  Result<void> _ClearConnections(const NodePath& self, ConnectionTable& table);
-  // The marks and stamps of a parent that lost a child.
+  // What a removal takes away, gathered before anything goes: every path of
+  // the subtree, the ones this system holds records of (children first), and
+  // the reverse entries to take from the other ends.
+  struct RemovalPlan {
+    struct Reverse {
+      NodePath other;
+      ConnectionKey key;
+      bool shortcutSource;
+    };
+    std::vector<NodePath> paths;
+    std::vector<NodePath> held;
+    std::vector<Reverse> reverse;
+  };
+  // The first phase of a removal of the subtree of `node`: marks the ports
+  // connected from outside `top` and fetches for writing every record the
+  // second phase writes, changing nothing a reader sees. Throws
+  // std::bad_alloc.
+  Result<void> _PlanRemoval(const GNode& node, const NodePath& top, RemovalPlan& plan);
+  Result<void> _PlanClearConnections(const NodePath& self, const ConnectionTable& table,
+                                     RemovalPlan& plan);
+  // The second phase: takes the subtree away; allocates nothing.
+  void _ApplyRemoval(RemovalPlan& plan) noexcept;
+  // The marks of a parent that loses a child, and then its stamps.
   Result<void> _MarkChildRemoved(GNode& parent);
+  void _NoteChildRemoved(NodeInfo& parent) noexcept;
   // Links `info` at the front of the system's modified list unless it is on
   // a list.
   void _LinkModified(NodeInfo* info) noexcept;

@@ -39,31 +39,31 @@ Result<NodePath> ParentPath(const NodePath& path) {
 }
 }  // namespace
 
-// Removes the subtree of `node`, children first. `top` is the path of the
-// element the edit removes; connected ports below it aren't marked.
-Result<void> NodeSystemImpl::_RemoveSubtree(const GNode& node, const NodePath& top) {
+// A removal runs in two phases, so that running out of memory can't leave
+// half a subtree behind. The first gathers the subtree, marks the ports wired
+// to it from outside and fetches for writing every record the second phase
+// writes; none of that changes what a reader sees. The second takes the
+// subtree away and allocates nothing.
+Result<void> NodeSystemImpl::_PlanRemoval(const GNode& node, const NodePath& top,
+                                          RemovalPlan& plan) {
   std::vector<InternedId> children;
   {
     ChildIterator it;
     StartChildren(it, node);
-    try {
-      for (InternedId id = NextChildId(it); id.IsPopulated(); id = NextChildId(it)) {
-        children.push_back(id);
-      }
-    } catch (const std::bad_alloc&) {
-      return OutOfMemoryError();
+    for (InternedId id = NextChildId(it); id.IsPopulated(); id = NextChildId(it)) {
+      children.push_back(id);
     }
   }
   for (const InternedId id : children) {
     ORVIX_TRY_ASSIGN(NodePath childPath, node.path.Append(id));
     GNode child = MakeResolvedHandle(childPath);
-    if (child) ORVIX_TRY(_RemoveSubtree(child, top));
+    if (child) ORVIX_TRY(_PlanRemoval(child, top, plan));
   }
 
   GNode element = node;
   ORVIX_TRY(Resolve(element));
-  const bool isPort = HasAny(element.path.GetKindRaw(), NODE_KIND::PORT_MASK);
-  if (isPort) {
+  plan.paths.push_back(element.path);
+  if (HasAny(element.path.GetKindRaw(), NODE_KIND::PORT_MASK)) {
     // The other ends lose a source or a target, whether this system stored
     // the wire or a base did. Marking makes their records this system's own,
     // so their connection stamps can move too, for readers that compare them.
@@ -79,35 +79,27 @@ Result<void> NodeSystemImpl::_RemoveSubtree(const GNode& node, const NodePath& t
       _connectionStamp = _modificationStamp;
     }
   }
-
-  if (element.system == this) {
-    ORVIX_TRY_ASSIGN(NodeInfo * info, GetMutable(element, NODE_KIND::NONE));
-    if (ConnectionTable* table = ConnectionTableOf(info)) {
-      ORVIX_TRY(_ClearConnections(element.path, *table));
-    }
-    ORVIX_TRY(RemoveEntry(element.path));
-  }
-  NoteRemoval();
-  if (_loopDependencies.erase(element.path) > 0) {
-    _systemFlags |= GFI::MODIFIED_SAV_LOOP_DEPENDENCIES_CHANGE;
+  if (element.system != this) return Ok();
+  ORVIX_TRY_ASSIGN(NodeInfo * info, GetMutable(element, NODE_KIND::NONE));
+  plan.held.push_back(element.path);
+  if (ConnectionTable* table = ConnectionTableOf(info)) {
+    ORVIX_TRY(_PlanClearConnections(element.path, *table, plan));
   }
   return Ok();
 }
 
-Result<void> NodeSystemImpl::_ClearConnections(const NodePath& self, ConnectionTable& table) {
+Result<void> NodeSystemImpl::_PlanClearConnections(const NodePath& self,
+                                                   const ConnectionTable& table,
+                                                   RemovalPlan& plan) {
   std::vector<std::pair<ConnectionKey, bool>> reverse;
-  try {
-    table.ForEach([&](const ConnectionKey& key, const ConnectionData&) {
-      const bool shortcutSource = key.GetType() == CONNECTION_TYPE::SHORTCUT &&
-                                  key.GetDirection() == CONNECTION_DIRECTION::SOURCE;
-      if (key.GetType() == CONNECTION_TYPE::NORMAL || shortcutSource) {
-        reverse.emplace_back(key, shortcutSource);
-      }
-      return true;
-    });
-  } catch (const std::bad_alloc&) {
-    return OutOfMemoryError();
-  }
+  table.ForEach([&](const ConnectionKey& key, const ConnectionData&) {
+    const bool shortcutSource = key.GetType() == CONNECTION_TYPE::SHORTCUT &&
+                                key.GetDirection() == CONNECTION_DIRECTION::SOURCE;
+    if (key.GetType() == CONNECTION_TYPE::NORMAL || shortcutSource) {
+      reverse.emplace_back(key, shortcutSource);
+    }
+    return true;
+  });
   for (const auto& [key, shortcutSource] : reverse) {
     // A normal connection is held at both ends. A source shortcut has its
     // reverse only at a shortcut stop port, so a missing one is no fault.
@@ -117,26 +109,50 @@ Result<void> NodeSystemImpl::_ClearConnections(const NodePath& self, ConnectionT
       return ConditionError(CONDITION_KIND::ASSERTION, "reverse connection exists");
     }
     ORVIX_TRY_ASSIGN(NodeInfo * otherInfo, GetMutable(other, NODE_KIND::NONE));
-    ConnectionTable* otherTable = ConnectionTableOf(otherInfo);
-    const bool erased = otherTable && otherTable->Erase(key.Reversed(self));
-    if (!erased && !shortcutSource) {
+    const ConnectionTable* otherTable = ConnectionTableOf(otherInfo);
+    if (!shortcutSource && !(otherTable && otherTable->Find(key.Reversed(self)))) {
       return ConditionError(CONDITION_KIND::ASSERTION, "reverse connection exists");
     }
-    if (shortcutSource) ORVIX_TRY(SetModified(other, GFI::MODIFIED_SAV_TARGETS));
+    plan.reverse.push_back({key.other, key.Reversed(self), shortcutSource});
   }
-  table.Clear();
   return Ok();
+}
+
+void NodeSystemImpl::_ApplyRemoval(RemovalPlan& plan) noexcept {
+  for (const RemovalPlan::Reverse& r : plan.reverse) {
+    NodeInfo* other = _nodes->Find(r.other);
+    if (ConnectionTable* table = ConnectionTableOf(other)) table->Erase(r.key);
+    // The other end is a record of the top layer already, on the modified
+    // list or not: setting its bits allocates nothing.
+    if (r.shortcutSource && other) {
+      other->flags |= GFI::MODIFIED_SAV_TARGETS;
+      _systemFlags |= GFI::MODIFIED_SAV_TARGETS;
+      if (!other->IsOnModifiedList()) _LinkModified(other);
+    }
+  }
+  for (const NodePath& path : plan.held) {
+    if (ConnectionTable* table = ConnectionTableOf(_nodes->Find(path))) table->Clear();
+    static_cast<void>(RemoveEntry(path));
+  }
+  NoteRemoval();
+  for (const NodePath& path : plan.paths) {
+    if (_loopDependencies.erase(path) > 0) {
+      _systemFlags |= GFI::MODIFIED_SAV_LOOP_DEPENDENCIES_CHANGE;
+    }
+  }
 }
 
 Result<void> NodeSystemImpl::_MarkChildRemoved(GNode& parent) {
   GFI bits = GFI::MODIFIED_PV_CHILDREN;
   if (!HasAny(parent.path.GetKindRaw(), NODE_KIND::PORT_MASK)) bits |= GFI::MODIFIED_TOPOLOGY;
-  ORVIX_TRY(SetModified(parent, bits));
+  return SetModified(parent, bits);
+}
+
+void NodeSystemImpl::_NoteChildRemoved(NodeInfo& parent) noexcept {
   _removedStamp = _createdStamp;
-  ORVIX_TRY_ASSIGN(NodeInfo * info, GetMutable(parent, NODE_KIND::NONE));
-  info->_childRemovedStamp = _modificationStamp;
+  ++_modificationStamp;
+  parent._childRemovedStamp = _modificationStamp;
   _structureStamp = _modificationStamp;
-  return Ok();
 }
 
 Result<void> NodeSystemImpl::RemoveImpl(const GNode& node, ChangeList* changeList, bool derived) {
@@ -174,13 +190,27 @@ Result<void> NodeSystemImpl::RemoveImpl(const GNode& node, ChangeList* changeLis
   ORVIX_TRY(Resolve(parent));
   const InternedId id = path.GetLastPart();
 
-  ORVIX_TRY(_RemoveSubtree(element, path));
+  // Everything that may fail comes first: the plan of the subtree, the
+  // parent's record fetched for writing with room for its child record, and
+  // its marks. Only then does anything go.
+  RemovalPlan plan;
+  NodeInfo* parentInfo = nullptr;
+  try {
+    ORVIX_TRY(_PlanRemoval(element, path, plan));
+    ORVIX_TRY_ASSIGN(parentInfo, GetMutable(parent, NODE_KIND::NONE));
+    parentInfo->children.Reserve(1);
+  } catch (const std::bad_alloc&) {
+    return OutOfMemoryError();
+  }
+  ORVIX_TRY(_MarkChildRemoved(parent));
+  const bool heldHere = parent.system == this;
+  _ApplyRemoval(plan);
 
   // The parent's child record now says that the child is gone: a record
   // without ADDED hides a child of the base; a child added here needs none.
   const CHILD_FLAGS hidden = derived ? CHILD_FLAGS::SYNTHETIC : CHILD_FLAGS::NONE;
-  const bool heldHere = parent.system == this;
-  ORVIX_TRY_ASSIGN(NodeInfo * parentInfo, GetMutable(parent, NODE_KIND::NONE));
+  ORVIX_TRY(Resolve(parent));
+  parentInfo = parent.info;
   if (heldHere && parentInfo->children.Find(id)) {
     if (BaseHasChild(*parentInfo, id)) {
       parentInfo->children.FindForWriting(id)->flags = hidden;
@@ -188,9 +218,10 @@ Result<void> NodeSystemImpl::RemoveImpl(const GNode& node, ChangeList* changeLis
       parentInfo->children.Erase(id);
     }
   } else {
-    ORVIX_TRY(SetChildRecord(parentInfo, id, hidden));
+    parentInfo->children.FindOrInsert(id).flags = hidden;  // room was made above
   }
-  return _MarkChildRemoved(parent);
+  _NoteChildRemoved(*parentInfo);
+  return Ok();
 }
 
 Result<void> NodeSystemImpl::ResetChild(const GNode& parent, InternedId id,
@@ -204,30 +235,42 @@ Result<void> NodeSystemImpl::ResetChild(const GNode& parent, InternedId id,
   const ChildRecord* record = ownerInfo->children.Find(id);
   if (!record) return Ok();
   const bool added = HasAny(record->flags, CHILD_FLAGS::ADDED);
+  const CHILD_FLAGS oldFlags = record->flags;
   ORVIX_TRY_ASSIGN(NodePath childPath, owner.path.Append(id));
   const NodeInfo* d = _nodes->Find(childPath);
   if ((d != nullptr) != added) {
     return ConditionError(CONDITION_KIND::ASSERTION, "(d != nullptr) == added");
   }
-  if (added) {
-    GNode child = MakeHandle(childPath);
-    ORVIX_TRY(_RemoveSubtree(child, childPath));
+  RemovalPlan plan;
+  try {
+    if (added) ORVIX_TRY(_PlanRemoval(MakeHandle(childPath), childPath, plan));
+    ORVIX_TRY(Resolve(owner));
+    // Room to put the record back if marking what comes back fails.
+    owner.info->children.Reserve(1);
+  } catch (const std::bad_alloc&) {
+    return OutOfMemoryError();
   }
+  ORVIX_TRY(_MarkChildRemoved(owner));
+  _ApplyRemoval(plan);
   // The removal may have moved records: look the parent up again.
   ORVIX_TRY(Resolve(owner));
   owner.info->children.Erase(id);
-  ORVIX_TRY(_MarkChildRemoved(owner));
+  _NoteChildRemoved(*owner.info);
 
   // The base's child, if there is one, is back: it and what it is wired to
-  // have to be looked at again.
-  if (!HasAny(owner.path.GetKindRaw(), NODE_KIND::PORT_MASK)) {
-    GNode back = MakeResolvedHandle(childPath);
-    if (back) {
-      ORVIX_TRY(SetModified(back, GFI::MODIFIED_TOPOLOGY));
-      ORVIX_TRY(TouchConnectedPortsRecursive(back));
-    }
+  // have to be looked at again. If they can't be marked, the base's child is
+  // hidden again, so that nothing shows that validation wouldn't visit.
+  if (HasAny(owner.path.GetKindRaw(), NODE_KIND::PORT_MASK)) return Ok();
+  GNode back = MakeResolvedHandle(childPath);
+  if (!back) return Ok();
+  Result<void> marked = SetModified(back, GFI::MODIFIED_TOPOLOGY);
+  if (marked) marked = TouchConnectedPortsRecursive(back);
+  if (marked) return Ok();
+  if (Resolve(owner)) {
+    owner.info->children.FindOrInsert(id).flags = oldFlags & ~CHILD_FLAGS::ADDED;  // room made above
+    NoteRemoval();
   }
-  return Ok();
+  return marked;
 }
 
 }  // namespace orvix::nodes

@@ -68,6 +68,10 @@ class SortedTable {
     return *_records.insert(_records.begin() + static_cast<std::ptrdiff_t>(index), std::move(r));
   }
 
+  // Makes room for `extra` more records, so that as many inserts that follow
+  // allocate nothing. Throws std::bad_alloc like FindOrInsert.
+  void Reserve(size_t extra) { _records.reserve(_records.size() + extra); }
+
   // Takes away the record of `id`; false if there was none.
   bool Erase(InternedId id) {
     Sort();
