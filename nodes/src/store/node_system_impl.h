@@ -519,7 +519,6 @@ class NodeSystemImpl final : public NodeSystem {
     struct Reverse {
       NodePath other;
       ConnectionKey key;
-      bool shortcutSource;
     };
     std::vector<NodePath> paths;
     std::vector<NodePath> held;

@@ -113,22 +113,17 @@ Result<void> NodeSystemImpl::_PlanClearConnections(const NodePath& self,
     if (!shortcutSource && !(otherTable && otherTable->Find(key.Reversed(self)))) {
       return ConditionError(CONDITION_KIND::ASSERTION, "reverse connection exists");
     }
-    plan.reverse.push_back({key.other, key.Reversed(self), shortcutSource});
+    // A stop port loses a source shortcut: marked now, like every other
+    // mark of the removal, before anything goes.
+    if (shortcutSource) ORVIX_TRY(SetModified(other, GFI::MODIFIED_SAV_TARGETS));
+    plan.reverse.push_back({key.other, key.Reversed(self)});
   }
   return Ok();
 }
 
 void NodeSystemImpl::_ApplyRemoval(RemovalPlan& plan) noexcept {
   for (const RemovalPlan::Reverse& r : plan.reverse) {
-    NodeInfo* other = _nodes->Find(r.other);
-    if (ConnectionTable* table = ConnectionTableOf(other)) table->Erase(r.key);
-    // The other end is a record of the top layer already, on the modified
-    // list or not: setting its bits allocates nothing.
-    if (r.shortcutSource && other) {
-      other->flags |= GFI::MODIFIED_SAV_TARGETS;
-      _systemFlags |= GFI::MODIFIED_SAV_TARGETS;
-      if (!other->IsOnModifiedList()) _LinkModified(other);
-    }
+    if (ConnectionTable* table = ConnectionTableOf(_nodes->Find(r.other))) table->Erase(r.key);
   }
   for (const NodePath& path : plan.held) {
     if (ConnectionTable* table = ConnectionTableOf(_nodes->Find(path))) table->Clear();
