@@ -11,7 +11,7 @@
 #include "orvix/nodes/modification.h"
 #include "orvix/nodes/module.h"
 #include "orvix/nodes/node_system_class_impl.h"
-#include "store/node_system_impl.h"
+#include "orvix/nodes/node_system.h"
 
 namespace orvix::nodes::test {
 namespace {
@@ -42,8 +42,9 @@ class WatchingClass : public NodeSystemClassImpl {
   }
 };
 
-// A template that makes an empty system, keeping the template and its
-// arguments as a template's product does; or fails.
+// A template that makes an empty system and stores itself on it, with its
+// arguments and the repository of the context, as a template's product must;
+// or fails.
 class EmptyTemplate : public NodeTemplateBase {
  public:
   EmptyTemplate(std::string id, bool failing)
@@ -54,16 +55,61 @@ class EmptyTemplate : public NodeTemplateBase {
                                           const Ref<TemplateArguments>& arguments) const override {
     if (_failing) return Error(ERROR_CLASS::ILLEGAL_ARGUMENT, "no such operator");
     ORVIX_TRY_ASSIGN(MutableRoot root, context.nodeSystemClass->CreateNodeSystem());
-    ORVIX_TRY_ASSIGN(Ref<NodeSystem> done, root.EndModification(nullptr, FINALIZE_FLAGS::CLEANUP));
-    auto* impl = static_cast<NodeSystemImpl*>(done.Get());
-    impl->_template = Ref<NodeTemplate>(const_cast<EmptyTemplate*>(this));
-    impl->_templateArguments = arguments;
-    return done;
+    ORVIX_TRY(root._system->SetTemplate(this, arguments, context.repository));
+    return root.EndModification(nullptr, FINALIZE_FLAGS::CLEANUP);
   }
 
  private:
   bool _failing;
 };
+
+NodePath P(std::string_view text) {
+  return NodePath::Parse(text).Value();
+}
+InternedId Id(std::string_view text) {
+  return InternedId::Get(text);
+}
+
+// A template stores itself through the published operation; the owner is
+// held weakly; the store is refused outside the bracket and on a shared
+// system, whose message names the template; and the first modification
+// drops all three, even with no edit after it.
+TEST(Classes, ATemplateStoresItselfUntilTheFirstModification) {
+  Ref<NodeSystemClass> cls = CreateDefaultNodeSystemClass().Value();
+  Ref<EmptyTemplate> stored = MakeRef<EmptyTemplate>("net.orvix.test.stored", false);
+  Ref<TemplateArguments> arguments = MakeRef<TemplateArguments>();
+  ASSERT_TRUE(arguments->Set(Id("x"), TEMPLATE_ARGUMENT_KIND::VALUE, Data(int64_t{4})));
+  Ref<RefCounted> repository = MakeRef<RefCounted>();
+  Ref<NodeSystem> made = stored->Instantiate({cls, repository}, arguments).Value();
+  EXPECT_TRUE(made->IsFinalized());
+  EXPECT_EQ(made->GetTemplate().Get(), stored.Get());
+  EXPECT_EQ(made->GetTemplateArguments().Get(), arguments.Get());
+  EXPECT_EQ(made->GetTemplateOwner().Get(), repository.Get());
+  EXPECT_EQ(made->GetNodeTemplate(P("<x")).Value().Get(), stored.Get());
+
+  EXPECT_EQ(Message(made->SetTemplate(nullptr, nullptr, nullptr)),
+            "Node system modification not within BeginModification()/EndModification().");
+  {
+    const Ref<NodeSystem> second = made;
+    EXPECT_EQ(Message(made->SetTemplate(nullptr, nullptr, nullptr)),
+              "More than one reference to node system net.orvix.test.stored.");
+  }
+  EXPECT_EQ(made->GetTemplate().Get(), stored.Get());
+  // The system doesn't keep its repository alive.
+  repository.Reset();
+  EXPECT_FALSE(made->GetTemplateOwner());
+  EXPECT_EQ(made->GetTemplate().Get(), stored.Get());
+
+  MutableRoot edit = BeginModification(made).Value();
+  NodeSystem& s = *edit._system;
+  EXPECT_FALSE(s.GetTemplate() || s.GetTemplateArguments() || s.GetTemplateOwner());
+  // Stored again in the bracket, a null template takes all three away.
+  Ref<RefCounted> other = MakeRef<RefCounted>();
+  ASSERT_TRUE(s.SetTemplate(stored.Get(), arguments, other));
+  EXPECT_EQ(s.GetTemplateOwner().Get(), other.Get());
+  ASSERT_TRUE(s.SetTemplate(nullptr, arguments, other));
+  EXPECT_FALSE(s.GetTemplate() || s.GetTemplateArguments() || s.GetTemplateOwner());
+}
 
 TEST(Classes, TheModuleRegistersItsClassesUntilItsLastUnload) {
   ASSERT_TRUE(LoadNodesModule());

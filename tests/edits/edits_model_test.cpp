@@ -229,7 +229,7 @@ class Runner {
 
   // The record of `path` and the system carry the modified `bits`.
   void ExpectMarked(const NodeSystemImpl& s, const std::string& path, GFI bits) {
-    EXPECT_TRUE(HasAll(OwnFlags(s, path), bits) && HasAll(s._systemFlags, bits))
+    EXPECT_TRUE(HasAll(MarksAt(s, path), bits) && HasAll(SystemMarks(s), bits))
         << _what << ": " << path;
   }
 
@@ -372,7 +372,7 @@ class Runner {
     if (!Succeeded(s, expected, actual)) return;
     Added(s, m, path);
     EXPECT_TRUE(HasAll(OwnFlags(s, path), GFI::DIRECT_PORT));
-    EXPECT_EQ(HasAny(OwnFlags(s, path), GFI::MODIFIED_TOPOLOGY), P(path).IsTopLevelPort());
+    EXPECT_EQ(HasAny(MarksAt(s, path), GFI::MODIFIED_TOPOLOGY), P(path).IsTopLevelPort());
   }
 
   void Remove(NodeSystemImpl& s, Model& m) {
@@ -438,7 +438,7 @@ class Runner {
     const Result<void> done = s.ResetChild(s.FindByPath(P(parent)), P(p).GetLastPart(), nullptr);
     ASSERT_EQ(Message(done), "(ok)") << _what;
     if (!m.records.count(p)) {
-      EXPECT_EQ(s._systemFlags, _before.systemFlags) << "a reset without a record";
+      EXPECT_EQ(SystemMarks(s), _before.systemFlags) << "a reset without a record";
       return;
     }
     m.Erase(p);

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "orvix/nodes/modification.h"
+#include "orvix/nodes/modified_bits_probe.h"
 #include "store/node_system_impl.h"
 
 namespace orvix::nodes::test {
@@ -112,6 +113,15 @@ inline GFI OwnFlags(const NodeSystemImpl& system, std::string_view path) {
   return info ? info->flags : GFI::NONE;
 }
 
+// The marks that `system` holds for `path` (NONE if the path is gone), and
+// those of the whole system, as the probe of modified bits reads them.
+inline GFI MarksAt(const NodeSystem& system, std::string_view path) {
+  return ProbeModifiedBits(system, system.FindByPath(P(path))).ValueOr(GFI::NONE);
+}
+inline GFI SystemMarks(const NodeSystem& system) {
+  return ProbeSystemModifiedBits(system).Value();
+}
+
 // The connection entries stored in `system`'s own record of `path`, keyed
 // "other>" for a target and "other<" for a source.
 inline std::map<std::string, ConnectionData> StoredAt(const NodeSystemImpl& system,
@@ -155,7 +165,7 @@ struct Snapshot {
 };
 
 inline Snapshot Take(const NodeSystemImpl& system) {
-  Snapshot s{system.GetModificationStamp(), system._systemFlags, Tree(system), {}};
+  Snapshot s{system.GetModificationStamp(), SystemMarks(system), Tree(system), {}};
   for (const auto& [path, kind] : s.tree) {
     if (!HasAny(kind, NODE_KIND::PORT_MASK)) continue;
     for (const auto& [key, data] : StoredAt(system, path)) {

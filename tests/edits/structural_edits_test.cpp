@@ -138,7 +138,7 @@ TEST(StructuralEdits, GarbageAndTheEndsOfImplicitWiresAreMarked) {
   MutableRoot root = Open(graph);
   ASSERT_TRUE(AddPortAt(Impl(root), ">", "t"));
   ASSERT_TRUE(RemoveAt(Impl(root), ">t"));
-  EXPECT_TRUE(HasAny(Impl(root)._systemFlags, GFI::MODIFIED_G_GARBAGE));
+  EXPECT_TRUE(HasAny(SystemMarks(*root._system), GFI::MODIFIED_G_GARBAGE));
   EXPECT_FALSE(Impl(root).FindByPath(P(">")).info->children.Find(Id("t")));
   EXPECT_TRUE(Finish(root));
   // The implicit wire <r/x -> n1<a/x, through <r -> n1<a: either end removed
@@ -149,8 +149,8 @@ TEST(StructuralEdits, GarbageAndTheEndsOfImplicitWiresAreMarked) {
     root = Open(graph);
     NodeSystemImpl& s = Impl(root);
     ASSERT_TRUE(RemoveAt(s, gone));
-    EXPECT_TRUE(HasAll(OwnFlags(s, other), bits) && HasAll(s._systemFlags, bits)) << gone;
-    EXPECT_FALSE(HasAny(OwnFlags(s, parent),
+    EXPECT_TRUE(HasAll(MarksAt(s, other), bits) && HasAll(SystemMarks(s), bits)) << gone;
+    EXPECT_FALSE(HasAny(MarksAt(s, parent),
                         GFI::MODIFIED_TOPOLOGY | GFI::MODIFIED_TARGETS | GFI::MODIFIED_SOURCES));
   }
 }
@@ -189,10 +189,10 @@ TEST(StructuralEdits, AResetChildBringsBackTheBasesWires) {
   NodeSystemImpl& d = Impl(root);
   ASSERT_TRUE(d.ResetChild(d.GetRoot(), Id("n2"), nullptr));
   EXPECT_EQ(WiresOf(d, "n1>o", "n2<a"), Wires(0x10));
-  EXPECT_TRUE(HasAll(d._systemFlags, GFI::MODIFIED_PV_CHILDREN | GFI::MODIFIED_TOPOLOGY));
-  EXPECT_TRUE(HasAll(OwnFlags(d, "n2"), GFI::MODIFIED_TOPOLOGY));
-  EXPECT_TRUE(HasAll(OwnFlags(d, "n1>o"), GFI::MODIFIED_TARGETS));
-  EXPECT_TRUE(HasAll(OwnFlags(d, ">s"), GFI::MODIFIED_SOURCES));
+  EXPECT_TRUE(HasAll(SystemMarks(d), GFI::MODIFIED_PV_CHILDREN | GFI::MODIFIED_TOPOLOGY));
+  EXPECT_TRUE(HasAll(MarksAt(d, "n2"), GFI::MODIFIED_TOPOLOGY));
+  EXPECT_TRUE(HasAll(MarksAt(d, "n1>o"), GFI::MODIFIED_TARGETS));
+  EXPECT_TRUE(HasAll(MarksAt(d, ">s"), GFI::MODIFIED_SOURCES));
   EXPECT_TRUE(Finish(root));
 }
 
@@ -253,7 +253,7 @@ TEST(StructuralEdits, AnEndWiredBothWaysToARemovedPortIsMarkedForBoth) {
   ASSERT_TRUE(ConnectAt(Impl(b), "<r", ">s", 0x10));
   MutableRoot root = Open(Finish(b));
   ASSERT_TRUE(RemoveAt(Impl(root), "<r"));
-  EXPECT_TRUE(HasAll(OwnFlags(Impl(root), ">s"), GFI::MODIFIED_SOURCES | GFI::MODIFIED_TARGETS));
+  EXPECT_TRUE(HasAll(MarksAt(*root._system, ">s"), GFI::MODIFIED_SOURCES | GFI::MODIFIED_TARGETS));
 }
 
 // Regression: a removal in a derived system took the base's wires without

@@ -27,15 +27,8 @@ class NamingTemplate : public NodeTemplateBase {
 
 TEST(LifeCycle, StatesAlongTheBracketAndWhatASuccessfulEndClears) {
   Ref<NodeSystemImpl> s = NewSystem();
-  s->_template = MakeRef<NamingTemplate>();
-  s->_templateArguments = MakeRef<TemplateArguments>();
   ASSERT_TRUE(s->BeginModification());
   EXPECT_EQ(StateOf(*s), "IMVF");  // nothing pending yet
-  // Whatever is edited now is no longer what the template made.
-  EXPECT_FALSE(s->_template || s->_templateArguments);
-  ASSERT_TRUE(s->EndModification(nullptr, FINALIZE_FLAGS::CLEANUP));
-
-  ASSERT_TRUE(s->BeginModification());
   Add(*s, {"a", "a<in", "a<in/x", "a>out"});
   Mark(*s, "a", MODIFIED_AV_ATTRIBUTES | MODIFIED_PV_CHILDREN);
   Mark(*s, "a<in/x", MODIFIED_AV_SOURCES);
@@ -91,7 +84,9 @@ TEST(LifeCycle, MessagesOfMisuse) {
 
 TEST(LifeCycle, ASharedSystemIsRefusedByTheImplementationAndCopiedByThePublicEntry) {
   Ref<NodeSystemImpl> impl = NewSystem();
-  impl->_template = MakeRef<NamingTemplate>();
+  ASSERT_TRUE(impl->BeginModification());
+  ASSERT_TRUE(impl->SetTemplate(MakeRef<NamingTemplate>().Get(), nullptr, nullptr));
+  ASSERT_TRUE(impl->EndModification(nullptr, FINALIZE_FLAGS::CLEANUP));
   Ref<NodeSystem> shared(impl);
   EXPECT_EQ(Message(impl->BeginModification()),
             "More than one reference to node system net.orvix.test.naming.");

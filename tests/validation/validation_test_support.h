@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "orvix/graph/node_path.h"
+#include "orvix/nodes/modified_bits_probe.h"
 #include "store/node_system_impl.h"
 
 namespace orvix::nodes::test {
@@ -81,8 +82,8 @@ inline Strings Listed(const NodeInfo* first) {
   }
   return paths;
 }
-inline GFI ModifiedOf(const NodeSystemImpl& system, std::string_view path) {
-  return system.FindNode(P(path)).info->flags & MODIFIED_MASK;
+inline GFI ModifiedOf(const NodeSystem& system, std::string_view path) {
+  return ProbeModifiedBits(system, system.FindByPath(P(path))).Value();
 }
 
 }  // namespace orvix::nodes::test

@@ -1,6 +1,9 @@
 // NodeSystemImpl: the system's template and derivation handler, and those of
 // the nodes in it.
 
+#include <new>
+#include <utility>
+
 #include "orvix/host/error.h"
 #include "store/node_system_impl.h"
 
@@ -31,6 +34,30 @@ Result<void> NodeSystemImpl::SetDerivationHandler(Ref<NodeSystemDerivationHandle
   // A shared system is read by other threads without locks.
   ORVIX_TRY(CheckModification(false));
   _derivationHandler = std::move(handler);
+  return Ok();
+}
+
+Result<void> NodeSystemImpl::SetTemplate(const NodeTemplate* nodeTemplate,
+                                         Ref<TemplateArguments> arguments,
+                                         const Ref<RefCounted>& owner) {
+  // Applying the arguments will edit ports, so the bracket is required now
+  // already, and callers need not change when it comes.
+  ORVIX_TRY(CheckModification(true));
+  // The weak handle may need its control block: the one allocation, made
+  // before anything is stored so that a failure leaves the system as it was.
+  WeakRef<RefCounted> weakOwner;
+  if (nodeTemplate && owner) {
+    try {
+      weakOwner = WeakRef<RefCounted>(owner);
+    } catch (const std::bad_alloc&) {
+      return OutOfMemoryError();
+    }
+  }
+  // Templates are immutable in all that a system asks of them; the reference
+  // is a plain one only because templates are handed out so everywhere.
+  _template = Ref<NodeTemplate>(const_cast<NodeTemplate*>(nodeTemplate));
+  _templateArguments = nodeTemplate ? std::move(arguments) : Ref<TemplateArguments>();
+  _templateOwner = std::move(weakOwner);
   return Ok();
 }
 

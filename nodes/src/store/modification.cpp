@@ -93,9 +93,11 @@ Result<void> NodeSystemImpl::BeginModification() {
   if (_mutable) return Error(ERROR_CLASS::ILLEGAL_STATE, std::string(ALREADY_MODIFYING));
   ORVIX_CHECK_STATE(IsInitialized());
   ORVIX_TRY(CheckModification(false));
-  // Whatever is edited now is no longer what the template made.
+  // Whatever is edited now is no longer what the template made; the owner
+  // went with the template.
   _template.Reset();
   _templateArguments.Reset();
+  _templateOwner.Reset();
   _beginStamp = _modificationStamp;
   _mutable = true;
   return Ok();

@@ -141,6 +141,7 @@ Result<void> NodeSystemImpl::CopyFrom(const NodeSystemImpl& source) {
   // A copy is no longer what the template made.
   _template.Reset();
   _templateArguments.Reset();
+  _templateOwner.Reset();
   // The map is shared: both systems now see it as frozen, and the first
   // write of either puts a layer of its own on top.
   _nodes = source._nodes;

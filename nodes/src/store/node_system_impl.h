@@ -228,8 +228,9 @@ class NodeSystemImpl final : public NodeSystem {
   Result<void> CopyFrom(const NodeSystemImpl& source);
 
   bool IsInitialized() const noexcept { return bool(_nodes); }
-  // True if nothing is left to validate; garbage bits may remain.
-  bool IsValidated() const noexcept { return (ToBits(_systemFlags) & VALIDATION_MASK) == 0; }
+  bool IsValidated() const noexcept override {
+    return (ToBits(_systemFlags) & VALIDATION_MASK) == 0;
+  }
   bool IsFinalized() const noexcept override { return _systemFlags == GNODE_FLAGS_IMPL::NONE; }
 
   // --- Lookup.
@@ -325,7 +326,10 @@ class NodeSystemImpl final : public NodeSystem {
   Ref<NodeSystemDerivationHandler> GetDerivationHandler() const override;
   Ref<NodeTemplate> GetTemplate() const override { return _template; }
   Ref<TemplateArguments> GetTemplateArguments() const override { return _templateArguments; }
+  Ref<RefCounted> GetTemplateOwner() const override { return _templateOwner.Lock(); }
   Result<void> SetDerivationHandler(Ref<NodeSystemDerivationHandler> handler) override;
+  Result<void> SetTemplate(const NodeTemplate* nodeTemplate, Ref<TemplateArguments> arguments,
+                           const Ref<RefCounted>& owner) override;
   Result<Ref<NodeTemplate>> GetNodeTemplate(const NodePath& path) const override;
   Result<Ref<NodeSystemDerivationHandler>> GetNodeDerivationHandler(
       const NodePath& path) const override;
@@ -400,9 +404,8 @@ class NodeSystemImpl final : public NodeSystem {
   Result<uint64_t> GetValueStamp(const GNode& node, InternedId id) const override;
   Result<uint64_t> GetConnectionStamp(const GNode& node, PORT_DIR direction) const override;
 
-  // --- Members. Further members arrive with their subsystems: the
-  // template's owner with system-based templates;
-  // the two derivation tables with attribute derivation; _instantiation with
+  // --- Members. Further members arrive with their subsystems: the two
+  // derivation tables with attribute derivation; _instantiation with
   // instantiation contexts.
 
   Ref<NodeSystemClass> _class;
@@ -412,6 +415,10 @@ class NodeSystemImpl final : public NodeSystem {
   // first modification drops both.
   Ref<NodeTemplate> _template;
   Ref<TemplateArguments> _templateArguments;
+  // Where the template came from (the repository of the instantiation), set
+  // with it. Weak: a repository caches the systems it made, and a strong
+  // reference back would keep both alive.
+  WeakRef<RefCounted> _templateOwner;
   // Set while the loader builds the system; the reference test is skipped
   // then, since the loader's own references reach the system.
   Ref<RefCounted> _loadContext;

@@ -6,7 +6,9 @@
 // nested bits and sits on the system's list. Validation therefore starts from
 // the few records that were touched, and clearing walks only those.
 
+#include "orvix/host/error.h"
 #include "orvix/host/format.h"
+#include "orvix/nodes/modified_bits_probe.h"
 #include "store/node_system_impl.h"
 
 namespace orvix::nodes {
@@ -161,6 +163,30 @@ Result<void> NodeSystemImpl::PurgeGarbage() {
   // is walked only where that bit asks for it.
   ClearModified(GFI::MODIFIED_G_ALL);
   return Ok();
+}
+
+// ---------------------------------------------------------------------------
+// The probe of modified bits (modified_bits_probe.h)
+
+namespace {
+const NodeSystemImpl* AsImpl(const NodeSystem& system) {
+  return dynamic_cast<const NodeSystemImpl*>(&system);
+}
+}  // namespace
+
+Result<GFI> ProbeModifiedBits(const NodeSystem& system, const GNode& node) {
+  const NodeSystemImpl* impl = AsImpl(system);
+  if (!impl) return ConditionError(CONDITION_KIND::ILLEGAL_ARGUMENT, "system is a NodeSystemImpl");
+  GNode handle = node;
+  ORVIX_TRY_ASSIGN(const NodeInfo* info, impl->Resolve(handle));
+  if (handle.system != impl) return GFI::NONE;
+  return info->flags & GFI::MODIFIED_MASK;
+}
+
+Result<GFI> ProbeSystemModifiedBits(const NodeSystem& system) {
+  const NodeSystemImpl* impl = AsImpl(system);
+  if (!impl) return ConditionError(CONDITION_KIND::ILLEGAL_ARGUMENT, "system is a NodeSystemImpl");
+  return impl->_systemFlags;
 }
 
 }  // namespace orvix::nodes

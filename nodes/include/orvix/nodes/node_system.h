@@ -128,6 +128,11 @@ class NodeSystem : public RefCounted {
   // system changed.
   virtual MODIFIED GetModifications(uint64_t stamp) const = 0;
 
+  // 16: where the template came from, as SetTemplate was told; null if the
+  // system has no template, or that owner is gone (the system holds it
+  // weakly).
+  virtual Ref<RefCounted> GetTemplateOwner() const = 0;
+
   // 18: the number of child records that this system holds for the element
   // (its differences from the base's child list); 0 if the system holds no
   // record of it.
@@ -138,6 +143,18 @@ class NodeSystem : public RefCounted {
   // 20: puts a handler of the class on the system.
   //   "Illegal argument: Condition handler not fulfilled. "
   virtual Result<void> SetDerivationHandler(Ref<NodeSystemDerivationHandler> handler) = 0;
+  // 21: records that the system is the instantiation of `nodeTemplate` with
+  // `arguments`, made for `owner` (the repository of the instantiation
+  // context, or null), as a template's InstantiateImpl must before it ends
+  // the modification. The owner is held weakly. A null template drops all
+  // three. Inside the modification bracket only; the next BeginModification
+  // drops them again. The arguments are stored as they are: putting them on
+  // the ports (values, port types, bundles) comes with port types.
+  //   "More than one reference to node system @."
+  //   "Node system modification not within BeginModification()/EndModification()."
+  virtual Result<void> SetTemplate(const NodeTemplate* nodeTemplate,
+                                   Ref<TemplateArguments> arguments,
+                                   const Ref<RefCounted>& owner) = 0;
 
   // 22: calls `visitor` for `start` if it is a node, then for the nodes below
   // it, depth first, parents before children. The result is false if the
@@ -207,6 +224,10 @@ class NodeSystem : public RefCounted {
   //   "Illegal state: Condition _mutable not fulfilled. "
   //   "Illegal state: Condition IsValidated() not fulfilled. "
   virtual Result<void> EndModification(ChangeList* changeList, FINALIZE_FLAGS flags) = 0;
+  // True if nothing is left to validate: no modified bit but the garbage
+  // bits. A system under modification is validated until its first edit,
+  // and again after Validate; EndModification with NONE requires it.
+  virtual bool IsValidated() const = 0;
 
   // 43: rebuilds a deep node map as two layers; does nothing while the map is
   // shallow. The system stays as it was if memory runs out.
