@@ -40,7 +40,6 @@ MutableRoot OpenWithValues(int64_t extra) {
 Ref<NodeSystem> MakeChain(int64_t depth) {
   MutableRoot root = OpenWithValues(4);
   Ref<NodeSystem> system = root.EndModification(nullptr, FINALIZE_FLAGS::CLEANUP).Value();
-  root._system.Reset();
   for (int64_t level = 1; level <= depth; ++level) {
     Ref<NodeSystem> derived = NodeSystemImpl::CreateDerived(
                                   Ref<NodeSystemImpl>(static_cast<NodeSystemImpl*>(system.Get())))

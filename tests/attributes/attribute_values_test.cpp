@@ -51,7 +51,6 @@ Ref<NodeSystem> Finish(MutableRoot& root) {
   if (!done) return {};
   EXPECT_TRUE(Impl(*done)._retiredTables.empty());
   EXPECT_TRUE((*done)->IsFinalized());
-  root._system.Reset();
   return *done;
 }
 GNode AddPort(NodeSystem& s, std::string_view parent, std::string_view id,
@@ -543,7 +542,9 @@ TEST(AttributeMessages, EachRefusalSaysWhy) {
   EXPECT_EQ(Apply(s, Op::SET, "<x", "type", Data(2.5)),
             "Assertion failed: Condition !(d && d->IsDerived()) not fulfilled. ");
 
-  ASSERT_TRUE(m.EndModification(nullptr, FINALIZE_FLAGS::CLEANUP));
+  // The end hands the system over; holding it keeps `s` alive.
+  const Ref<NodeSystem> done = m.EndModification(nullptr, FINALIZE_FLAGS::CLEANUP).ValueOr(nullptr);
+  ASSERT_TRUE(done);
   for (const Op op : {Op::SET, Op::ERASE, Op::RESET, Op::TOUCH, Op::PART}) {
     EXPECT_EQ(Apply(s, op, "<x", "gain"),
               "Node system modification not within BeginModification()/EndModification().")

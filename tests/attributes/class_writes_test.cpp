@@ -73,7 +73,6 @@ TEST(ClassWrites, CompactWaitsUntilTheModificationEnds) {
   const GNode y = first._system->AddPort(inputs, "y", GNODE_FLAGS::NONE, nullptr).Value();
   ASSERT_TRUE(first._system->SetValue(y, Key("label"), Data(std::string(100, 'y')), nullptr));
   Ref<NodeSystem> system = first.EndModification(nullptr, FINALIZE_FLAGS::CLEANUP).Value();
-  first._system.Reset();
   // Each round writes on a copy of a shared system: one more layer.
   for (int round = 0; round < 7; ++round) {
     Ref<NodeSystem> keep = system;
@@ -89,7 +88,6 @@ TEST(ClassWrites, CompactWaitsUntilTheModificationEnds) {
       EXPECT_GE(s.GetDepth(), NodeSystemImpl::COMPACT_DEPTH);
     }
     system = edit.EndModification(nullptr, FINALIZE_FLAGS::CLEANUP).Value();
-    edit._system.Reset();
   }
   ASSERT_TRUE(system->Compact());
   EXPECT_EQ(static_cast<NodeSystemImpl&>(*system).GetDepth(), 1u);

@@ -170,7 +170,6 @@ Result<void> EditCopy(const Ref<NodeSystem>& source, std::mt19937& random, int r
   }
   if (removeNode) ORVIX_TRY(Remove(c, node));
   ORVIX_TRY_ASSIGN(mine, edit.EndModification(nullptr, FINALIZE_FLAGS::CLEANUP));
-  edit._system.Reset();
 
   const Data* read = mine->GetValue(mine->FindByPath(P("<x")), InternedId::Get("default")).Value();
   if (*read != Data(value) || (removeNode && mine->FindByPath(P(node)))) {

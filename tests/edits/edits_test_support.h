@@ -44,8 +44,6 @@ inline Ref<NodeSystem> Finish(MutableRoot& root) {
   Result<Ref<NodeSystem>> done = root.EndModification(nullptr, FINALIZE_FLAGS::CLEANUP);
   EXPECT_TRUE(done) << Message(done);
   if (!done) return Ref<NodeSystem>();
-  // The MutableRoot gives up its reference, so that the caller's is the only one.
-  root._system.Reset();
   EXPECT_TRUE((*done)->IsFinalized());
   return *done;
 }

@@ -96,6 +96,36 @@ TEST(LifeCycle, ASharedSystemIsRefusedByTheImplementationAndCopiedByThePublicEnt
   EXPECT_FALSE(impl->_mutable);
 }
 
+// The obvious code is the fast code: a successful end hands the system over
+// and leaves the MutableRoot empty, so that the next begin edits in place; a
+// failed end leaves it there, still open, for the caller to repair.
+TEST(LifeCycle, AnEndHandsTheSystemOverAndAFailedEndKeepsItOpen) {
+  MutableRoot root = CreateDefaultNodeSystemClass().Value()->CreateNodeSystem().Value();
+  NodeSystem& s = *root._system;
+  const GNode inputs = s.GetPortList(root._root, PORT_DIR::INPUT).Value();
+  ASSERT_TRUE(s.AddPort(inputs, "a", GNODE_FLAGS::NONE, nullptr));
+  EXPECT_FALSE(s.IsValidated());
+  EXPECT_EQ(Message(root.EndModification(nullptr, FINALIZE_FLAGS::NONE)),
+            "Illegal state: Condition IsValidated() not fulfilled. ");
+  ASSERT_EQ(root._system.Get(), &s);
+  EXPECT_TRUE(s.HasSingleOwner());
+  ASSERT_TRUE(s.AddPort(inputs, "b", GNODE_FLAGS::NONE, nullptr));
+  ASSERT_TRUE(s.Validate(nullptr));
+  EXPECT_TRUE(s.IsValidated());
+
+  Result<Ref<NodeSystem>> ended = root.EndModification(nullptr, FINALIZE_FLAGS::NONE);
+  ASSERT_TRUE(ended) << Message(ended);
+  Ref<NodeSystem> system = std::move(ended).Value();
+  EXPECT_EQ(system.Get(), &s);
+  EXPECT_FALSE(root._system || root._root);
+  EXPECT_TRUE(system->HasSingleOwner());
+  EXPECT_TRUE(system->FindByPath(P("<a")) && system->FindByPath(P("<b")));
+  EXPECT_EQ(Message(root.EndModification(nullptr, FINALIZE_FLAGS::CLEANUP)),
+            "Illegal state: Condition _system not fulfilled. ");
+  MutableRoot again = BeginModification(system).Value();
+  EXPECT_EQ(again._system.Get(), &s);
+}
+
 // The messages of the check are the connection suite's; here it only matters
 // that the end runs it, after the bracket is closed.
 TEST(LifeCycle, TheConnectionTestRunsAtTheEndWhenSwitchedOn) {

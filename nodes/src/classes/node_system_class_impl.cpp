@@ -96,8 +96,8 @@ Result<MutableRoot> NodeSystemClassImpl::CreateNodeSystem() {
   return root;
 }
 
-Result<void> NodeSystemClassImpl::FinalizeModification(const GNode& root, uint64_t beginStamp,
-                                                       FINALIZE_FLAGS flags,
+Result<void> NodeSystemClassImpl::FinalizeModification(const MutableRoot& root,
+                                                       uint64_t beginStamp, FINALIZE_FLAGS flags,
                                                        ChangeList* changeList) {
   static_cast<void>(root);
   static_cast<void>(beginStamp);

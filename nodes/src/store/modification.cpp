@@ -105,12 +105,22 @@ Result<void> NodeSystemImpl::BeginModification() {
 
 Result<void> NodeSystemImpl::EndModification(ChangeList* changeList, FINALIZE_FLAGS flags) {
   ORVIX_CHECK_STATE(_mutable);
+  // An end from inside the class's FinalizeModification would finish the
+  // system under the feet of the end that called the class.
+  ORVIX_CHECK_STATE(!_finalizing);
   if (flags != FINALIZE_FLAGS::NONE) {
     if (!_class) return NullObjectError();
-    // The class may still edit; a failure here or in validation leaves the
+    // The class may still edit, through a root that borrows this system: the
+    // caller's reference stays the only counted one, so the class's edits
+    // pass the reference test. A failure here or in validation leaves the
     // system mutable, so the caller can repair and end again.
-    const GNode root = GetRoot();
-    ORVIX_TRY(_class->FinalizeModification(root, _beginStamp, flags, changeList));
+    _finalizing = true;
+    Result<void> finalized = [&] {
+      const MutableRoot root(*this, GetRoot());
+      return _class->FinalizeModification(root, _beginStamp, flags, changeList);
+    }();
+    _finalizing = false;
+    ORVIX_TRY(std::move(finalized));
     ORVIX_TRY(Validate(changeList));
   }
   ORVIX_TRY(PurgeGarbage());
@@ -143,10 +153,54 @@ Result<MutableRoot> BeginModification(Ref<NodeSystem>& system, bool keepOld) {
   return root;
 }
 
+// ---------------------------------------------------------------------------
+// MutableRoot
+
+MutableRoot::MutableRoot(NodeSystem& system, GNode root) noexcept
+    : _system(Ref<NodeSystem>::Adopt(&system)), _root(std::move(root)), _borrowed(true) {}
+
+MutableRoot::MutableRoot(const MutableRoot& other) : _system(other._system), _root(other._root) {}
+
+MutableRoot::MutableRoot(MutableRoot&& other) noexcept : _root(std::move(other._root)) {
+  // A borrowed root has no count to hand on: the new root takes its own.
+  if (other._borrowed) {
+    _system = other._system;
+  } else {
+    _system = std::move(other._system);
+  }
+}
+
+MutableRoot& MutableRoot::operator=(const MutableRoot& other) {
+  if (this != &other) *this = MutableRoot(other);
+  return *this;
+}
+
+MutableRoot& MutableRoot::operator=(MutableRoot&& other) noexcept {
+  if (this == &other) return *this;
+  _Drop();
+  _system = other._borrowed ? other._system : std::move(other._system);
+  _root = std::move(other._root);
+  return *this;
+}
+
+MutableRoot::~MutableRoot() { _Drop(); }
+
+void MutableRoot::_Drop() noexcept {
+  if (_borrowed) {
+    static_cast<void>(_system.Release());
+    _borrowed = false;
+  }
+  _system.Reset();
+}
+
 Result<Ref<NodeSystem>> MutableRoot::EndModification(ChangeList* changeList, FINALIZE_FLAGS flags) {
+  ORVIX_CHECK_STATE(!_borrowed);
   ORVIX_CHECK_STATE(_system);
   ORVIX_TRY(_system->EndModification(changeList, flags));
-  return _system;
+  // The finished system goes to the caller: no reference stays behind to
+  // make the next BeginModification copy it.
+  _root = GNode();
+  return std::move(_system);
 }
 
 }  // namespace orvix::nodes

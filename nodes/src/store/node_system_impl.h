@@ -461,6 +461,9 @@ class NodeSystemImpl final : public NodeSystem {
   uint64_t _attribValidationCount = 0;
   GNODE_FLAGS_IMPL _systemFlags = GNODE_FLAGS_IMPL::NONE;
   bool _mutable = false;
+  // Set while the class's FinalizeModification runs; an EndModification then
+  // is refused.
+  bool _finalizing = false;
   uint64_t _validationMask = 0;
 
  private:

@@ -72,17 +72,57 @@ struct ChildIterator {
 };
 
 // A system under modification, with the handle of its root: what creating a
-// system for editing, or BeginModification (modification.h), yields. The
-// MutableRoot is the one owner of the system while the modification runs.
+// system for editing, or BeginModification (modification.h), yields.
+//
+// An owning MutableRoot holds the modification's one counted reference, and
+// EndModification hands it over: on success the finished system is the
+// result and the MutableRoot is left empty, so that the caller's reference is
+// the only one and the next BeginModification needs no copy. On failure the
+// system stays here, still under modification, for the caller to repair and
+// end again.
+//
+// A borrowed MutableRoot is the one that EndModification of the system gives
+// to its class's FinalizeModification. The owner of the system is further up
+// the call, and a second counted reference would make every edit of the class
+// fail the reference test, so a borrowed root holds its system without a
+// count. It must not release or end what it doesn't own, and it can't: it is
+// handed out only as a const reference, so its `_system` can't be reset,
+// moved from or replaced, and EndModification can't be called on it. It is
+// valid for the call it is given to and must not be kept. A copy of it owns a
+// reference of its own: it is an ordinary MutableRoot of a system that is
+// then shared, whose edits the reference test refuses.
 struct MutableRoot {
   Ref<NodeSystem> _system;
   GNode _root;
 
-  // Ends the modification (NodeSystem::EndModification) and yields the
-  // finished system; the root keeps its reference. On failure the system
-  // stays under modification here.
-  //   "Illegal state: Condition _system not fulfilled. " without a system.
+  MutableRoot() = default;
+  // Copies and moves take ownership of their own: a copy counts one more
+  // reference, and so does anything made from a borrowed root.
+  MutableRoot(const MutableRoot& other);
+  MutableRoot(MutableRoot&& other) noexcept;
+  MutableRoot& operator=(const MutableRoot& other);
+  MutableRoot& operator=(MutableRoot&& other) noexcept;
+  ~MutableRoot();
+
+  // True for the root given to FinalizeModification.
+  bool IsBorrowed() const noexcept { return _borrowed; }
+
+  // Ends the modification (NodeSystem::EndModification). On success yields
+  // the finished system and leaves this MutableRoot empty; on failure the
+  // system stays here, under modification.
+  //   "Illegal state: Condition _system not fulfilled. " without a system,
+  //   e.g. on a second end.
+  //   "Illegal state: Condition !_borrowed not fulfilled. " on a borrowed root.
   Result<Ref<NodeSystem>> EndModification(ChangeList* changeList, FINALIZE_FLAGS flags);
+
+ private:
+  friend class NodeSystemImpl;
+  // A borrowed root of `system`, which the caller owns; see above.
+  MutableRoot(NodeSystem& system, GNode root) noexcept;
+  // Lets go of the system: releases an owned reference, forgets a borrowed one.
+  void _Drop() noexcept;
+
+  bool _borrowed = false;
 };
 
 }  // namespace orvix::nodes

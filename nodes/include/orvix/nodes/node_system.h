@@ -223,6 +223,8 @@ class NodeSystem : public RefCounted {
   // system becomes immutable. On failure the system stays mutable.
   //   "Illegal state: Condition _mutable not fulfilled. "
   //   "Illegal state: Condition IsValidated() not fulfilled. "
+  //   "Illegal state: Condition !_finalizing not fulfilled. " from inside
+  //   the class's FinalizeModification.
   virtual Result<void> EndModification(ChangeList* changeList, FINALIZE_FLAGS flags) = 0;
   // True if nothing is left to validate: no modified bit but the garbage
   // bits. A system under modification is validated until its first edit,

@@ -58,11 +58,17 @@ class NodeSystemClass : public RefCounted {
   // validated system.
   virtual Result<MutableRoot> CreateNodeSystem() = 0;
   // 1: called by EndModification (unless its flags are NONE) before the
-  // system is validated. `root` is the root of the system under modification;
-  // the class may still edit it. `beginStamp` is the modification stamp at
-  // BeginModification, so that the class can ask what changed within the
-  // bracket. A failure ends EndModification and leaves the system mutable.
-  virtual Result<void> FinalizeModification(const GNode& root, uint64_t beginStamp,
+  // system is validated, also at the end of the bracket that makes a new
+  // empty system. `root` is the system under modification with the handle of
+  // its root; the class may still edit it through `root._system`, and its
+  // edits are validated with the rest. The root is borrowed (see MutableRoot):
+  // it holds the system without a count of its own, so that the edits pass
+  // the reference test; it is valid during the call only, and ending the
+  // modification from here is refused. `beginStamp` is the modification
+  // stamp at BeginModification, so that the class can ask what changed
+  // within the bracket. A failure ends EndModification and leaves the system
+  // mutable.
+  virtual Result<void> FinalizeModification(const MutableRoot& root, uint64_t beginStamp,
                                             FINALIZE_FLAGS flags, ChangeList* changeList) = 0;
   // 2: the attribute object registered for `id` (a DerivedAttribute for an
   // attribute that validation derives); null if there is none.

@@ -12,8 +12,8 @@ class NodeSystemClassImpl : public NodeSystemClass {
   // 0: a new empty system of this class, under modification.
   Result<MutableRoot> CreateNodeSystem() override;
   // 1: the default class adds nothing at the end of a modification.
-  Result<void> FinalizeModification(const GNode& root, uint64_t beginStamp, FINALIZE_FLAGS flags,
-                                    ChangeList* changeList) override;
+  Result<void> FinalizeModification(const MutableRoot& root, uint64_t beginStamp,
+                                    FINALIZE_FLAGS flags, ChangeList* changeList) override;
   // 2: the entry of the attribute registry for `id`.
   Ref<GraphAttribute> GetDerivedAttribute(InternedId id) const override;
   // 3: the registered attribute's flags; DIRECT without one.
