@@ -87,6 +87,29 @@ TEST(HandleTrust, AHandleOfAFreedRecordIsNotTrustedThroughACopyOfADerivedSystem)
   EXPECT_TRUE(Finish(edit));
 }
 
+TEST(HandleTrust, AHandleThatABaseMadeBeforeItLostTheElementIsLookedUpAgain) {
+  // The base's stamps say nothing in the derived system: the derived system
+  // removed nothing since its own start, but the base did, before.
+  const Ref<NodeSystem> op = WithPortA();
+  Ref<NodeSystem> base = WithPortA();
+  GNode kept;
+  {
+    MutableRoot edit = Open(base);
+    kept = *edit._system->AddChild("n0", op, nullptr);
+    ASSERT_TRUE(RemoveAt(*edit._system, "n0"));
+    base = Finish(edit);
+  }
+  MutableRoot derived = OpenDerived(base);
+  EXPECT_FALSE(derived._system->IsValid(kept));
+  EXPECT_EQ(Message(derived._system->Remove(kept, nullptr)),
+            "Node with path n0 doesn't exist any longer.");
+  // A handle the base made of an element it still has names that element.
+  const GNode port = base->FindByPath(P("<a"));
+  EXPECT_TRUE(derived._system->IsValid(port));
+  EXPECT_TRUE(derived._system->SetValue(port, kValue, Data(int64_t{4}), nullptr));
+  EXPECT_TRUE(Finish(derived));
+}
+
 TEST(HandleTrust, AHandleOutlivesItsSystemEvenWhenAnotherTakesItsPlace) {
   // A new system may be allocated where a freed one was; the stamps of every
   // new system start above those of every system gone, so the old handle

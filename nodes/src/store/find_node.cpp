@@ -1,6 +1,7 @@
 // NodeSystemImpl: finding records through layers, nested systems and bases,
 // and keeping handles up to date.
 
+#include <algorithm>
 #include <utility>
 
 #include "orvix/host/diagnostics.h"
@@ -158,10 +159,15 @@ void NodeSystemImpl::Refresh(GNode& handle) const {
       return;
     }
   } else {
-    // The stamps speak only for a holder that this system keeps alive. A
-    // handle of any other system (an unrelated one, a copy, one since freed)
-    // may point at a record that is gone: it is looked up by path.
-    const bool held = _MayHold(handle.system, handle.path.ToBlock());
+    // The stamps speak only for a handle that this system made, of a holder
+    // that it keeps alive. A handle of any other system (an unrelated one, a
+    // copy, one since freed), or one that a base made before it lost the
+    // element, may point at a record that is gone: it is looked up by path.
+    // Every system starts its handle stamps above those of its source, so a
+    // stamp below the first one is not this system's.
+    const bool held = handle.stamp >= _firstHandleStamp &&
+                      handle.stamp <= std::max(_createdStamp, _movedStamp) &&
+                      _MayHold(handle.system, handle.path.ToBlock());
     if (held && handle.stamp >= _createdStamp) return;
     if (NodeInfo* info = _nodes->Find(handle.path)) {
       handle.info = info;

@@ -40,7 +40,8 @@ uint64_t FirstHandleStamp() noexcept {
 }  // namespace
 
 NodeSystemImpl::NodeSystemImpl()
-    : _createdStamp(FirstHandleStamp()), _movedStamp(_createdStamp) {}
+    : _createdStamp(FirstHandleStamp()), _movedStamp(_createdStamp),
+      _firstHandleStamp(_createdStamp) {}
 
 NodeSystemImpl::~NodeSystemImpl() {
   _FreeGarbage();
@@ -98,6 +99,7 @@ Result<Ref<NodeSystemImpl>> NodeSystemImpl::CreateDerived(Ref<NodeSystemImpl> ba
   system->_createdStamp =
       std::max(system->_createdStamp, std::max(base->_createdStamp, base->_movedStamp) + 1);
   system->_movedStamp = system->_createdStamp;
+  system->_firstHandleStamp = system->_createdStamp;
   system->_class = base->_class;
   system->_stages = base->_stages;
   system->_topology = base->_topology;
@@ -152,6 +154,7 @@ Result<void> NodeSystemImpl::CopyFrom(const NodeSystemImpl& source) {
   _createdStamp = std::max(_createdStamp, std::max(source._createdStamp, source._movedStamp) + 1);
   _removedStamp = source._removedStamp;
   _movedStamp = _createdStamp;
+  _firstHandleStamp = _createdStamp;
   _modificationStamp = source._modificationStamp;
   _beginStamp = source._beginStamp;
   _attributeStamp = source._attributeStamp;

@@ -455,6 +455,9 @@ class NodeSystemImpl final : public NodeSystem {
   uint64_t _structureStamp = 0;
   uint64_t _connectionStamp = 0;
   uint64_t _completeStamp = 0;
+  // The first handle stamp of this system: every handle it makes carries one
+  // at least as high, every handle of its source one below.
+  uint64_t _firstHandleStamp = 0;
   uint64_t _level = 1;
   // Head of the modified list of nodes, port lists and top-level ports.
   NodeInfo* _firstModified = g_modifiedListEnd;
