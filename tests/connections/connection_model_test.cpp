@@ -2,7 +2,10 @@
 // model keeps each system's own wires as (source, target) pairs, finds the
 // layers of an element by following bases and nested nodes, and walks levels
 // and layers the slow, obvious way. Graphs grow by the public edits, in a
-// system, a system derived from it and one derived from that.
+// system, a system derived from it and one derived from that. Some edits wire
+// equally shaped subtrees at several levels on the same channels, where the
+// wires of a nested port and of its ancestors meet; a plain random graph
+// almost never has that.
 
 #include <algorithm>
 #include <map>
@@ -20,6 +23,9 @@ namespace {
 constexpr uint64_t LOW6 = 0x3f3f3f3f3f3f3f3fULL;
 constexpr uint64_t IMPLICIT = 0x4040404040404040ULL;
 constexpr uint64_t INHERIT = 0x8080808080808080ULL;
+// The aligned edits add nested ports only below this many ports: the checks
+// ask about every pair of ports.
+constexpr size_t MAX_PORTS = 100;
 
 uint64_t Used(uint64_t w) {
   return Wires(w & LOW6).ToMask().GetValue();
@@ -100,6 +106,7 @@ std::vector<Report> Walk(const Model& t, const NodePath& port, uint64_t mask, GC
     const NodePath::Block suffix = parts.subspan(length);
     std::vector<Layer> layers;
     CollectLayers(t, level, 0, layers);
+    std::set<NodePath> levelSources;
     for (const Layer& layer : layers) {
       if (layer.k > maxDepth) break;
       ++rank;
@@ -109,11 +116,18 @@ std::vector<Report> Walk(const Model& t, const NodePath& port, uint64_t mask, GC
           // At the target the record's other end is the source.
           if ((direction == 0 ? ends.second : ends.first) != layer.path) continue;
           if (!wanted[direction]) continue;
-          const NodePath other = Join(
-              level.first(layer.k), (direction == 0 ? ends.first : ends.second).ToBlock(), suffix);
-          if (!t.elements.count(other)) continue;
+          const NodePath& end = direction == 0 ? ends.first : ends.second;
           const uint64_t w = raw & LOW6;
-          if (direction == 0) remaining[0] &= ~Used(w);
+          // A source wire of the level's own port hides its channels from
+          // the farther levels, reported here or not: the first record of an
+          // end at the level, if that end exists, whatever lies below it.
+          const NodePath levelEnd = Join(level.first(layer.k), end.ToBlock());
+          if (direction == 0 && t.elements.count(levelEnd) &&
+              levelSources.insert(levelEnd).second) {
+            remaining[0] &= ~Used(w);
+          }
+          const NodePath other = Join(level.first(layer.k), end.ToBlock(), suffix);
+          if (!t.elements.count(other)) continue;
           uint64_t m = levelMask[direction];
           // The nested ports on the way to the other end keep their own sources.
           for (size_t i = 0; direction == 1 && i < suffix.size() && m; ++i) {
@@ -276,10 +290,107 @@ struct World {
       if (!wired.count({to, from}) && Connect(from, to, RandomModes())) return;
     }
   }
+  // The nested ports below `port`, by their paths relative to it.
+  std::vector<NodePath> Below(const NodePath& port) const {
+    std::vector<NodePath> below;
+    for (const NodePath& e : model->elements) {
+      if (e.GetCount() > port.GetCount() && e.StartsWith(port)) {
+        below.push_back(NodePath::Create(e.ToBlock().subspan(port.GetCount())).Value());
+      }
+    }
+    // Parents before their nested ports.
+    std::stable_sort(below.begin(), below.end(), [](const NodePath& a, const NodePath& b) {
+      return a.GetCount() < b.GetCount();
+    });
+    return below;
+  }
+  // Adds a nested port below `port` or below one of its nested ports.
+  void Grow(const NodePath& port) {
+    std::vector<NodePath> parents{port};
+    for (const NodePath& rel : Below(port)) parents.push_back(Join(port.ToBlock(), rel.ToBlock()));
+    const NodePath& parent = parents[Pick(parents.size())];
+    if (parent.GetCount() - parent.GetNodeCount() > 4) return;
+    const NodePath path = parent.Append(InternedId::Get(std::string(1, "xyz"[Pick(3)]))).Value();
+    if (!model->elements.count(path) && !removed.count(path)) AddPort(path);
+  }
+  // Gives `to` most of the nested ports that `from` has: equally shaped
+  // subtrees, now and then with a port missing.
+  void Mirror(const NodePath& from, const NodePath& to) {
+    for (const NodePath& rel : Below(from)) {
+      const NodePath path = Join(to.ToBlock(), rel.ToBlock());
+      if (model->elements.count(path) || removed.count(path) ||
+          !model->elements.count(Cut(path, 1))) {
+        continue;
+      }
+      if (Pick(6) != 0) AddPort(path);
+      if (testing::Test::HasFatalFailure()) return;
+    }
+  }
+  // Wires between equally shaped subtrees at several levels, on the same
+  // channels, from one source subtree or two: where a nearer level's wire
+  // hides the same channel of a farther level's from the nested ports, and
+  // a nearer level may have reported the end already.
+  void AlignedConnect() {
+    const std::vector<NodePath> ports = Ports(*model);
+    for (int attempt = 0; attempt < 30; ++attempt) {
+      NodePath from = ports[Pick(ports.size())];
+      NodePath to = ports[Pick(ports.size())];
+      const NodePath other = ports[Pick(ports.size())];
+      const bool rewire = Pick(2) == 0 && !wired.empty();
+      if (rewire) {
+        // Rewire a pair wired before, here or in a base, and the levels below.
+        std::tie(from, to) = *std::next(wired.begin(), ptrdiff_t(Pick(wired.size())));
+        if (!model->elements.count(from) || !model->elements.count(to)) continue;
+      }
+      // No modes change nothing: the call only asks the connect rules.
+      if (wired.count({to, from}) ||
+          !system->Connect(system->FindByPath(from), system->FindByPath(to), Wires(), nullptr)) {
+        continue;
+      }
+      // New nested ports while the world is small enough for the checks.
+      if (ports.size() < MAX_PORTS) {
+        for (int i = Pick(3); i > 0; --i) Grow(from);
+        Mirror(from, to);
+        Mirror(to, from);
+        Mirror(from, other);
+        if (testing::Test::HasFatalFailure()) return;
+      }
+      // The levels: a nested port below `to` and the ports on its way up.
+      std::vector<NodePath> below = Below(to);
+      NodePath deepest;
+      for (int i = 0; i < 2 && !below.empty(); ++i) {
+        const NodePath& pick = below[Pick(below.size())];
+        if (pick.GetCount() > deepest.GetCount()) deepest = pick;
+      }
+      // A rewire takes some channels away as well.
+      uint64_t modes = RandomModes();
+      for (int channel = 0; channel < 8 && rewire; ++channel) {
+        if (!((modes >> (8 * channel)) & 0xff) && Pick(2) == 0) {
+          modes |= uint64_t(WIRE_MODE::REMOVE) << (8 * channel);
+        }
+      }
+      for (size_t length = deepest.GetCount() + 1; length-- > 0;) {
+        if (Pick(4) == 0) continue;
+        const NodePath::Block rel = deepest.ToBlock().first(length);
+        const NodePath b = Join(to.ToBlock(), rel);
+        NodePath a = Join((Pick(3) == 0 ? other : from).ToBlock(), rel);
+        if (rewire && Pick(2) == 0) {
+          // The level's own source, as it is wired there now.
+          const std::vector<Report> sources =
+              Walk(*model, b, LOW6, GCF::SOURCES | GCF::WITHOUT_IMPLICIT, UNLIMITED_DEPTH);
+          if (!sources.empty()) a = sources[Pick(sources.size())].other;
+        }
+        if (!model->elements.count(a) || !model->elements.count(b) || wired.count({b, a})) continue;
+        Connect(a, b, Pick(4) == 0 ? RandomModes() : modes);
+      }
+      return;
+    }
+  }
   void RandomEdit() {
     const size_t roll = Pick(20);
     const std::vector<NodePath> ports = Ports(*model);
-    if (roll < 14) return RandomConnect();
+    if (roll < 10) return RandomConnect();
+    if (roll < 14) return AlignedConnect();
     if (roll < 17) {
       // A nested port below any port, or a new port of the root.
       NodePath path;

@@ -10,6 +10,7 @@
 
 #include "connection_test_support.h"
 #include "orvix/host/diagnostics.h"
+#include "orvix/nodes/config_variables.h"
 
 namespace orvix::nodes::test {
 namespace {
@@ -385,6 +386,114 @@ TEST(ConnectionQueries, APortRemovedAndAddedAgainInADerivedSystemKeepsNoHalfWire
   EXPECT_EQ(Query(*d, "<a/x", ALL, GCF::TARGETS), "");
   EXPECT_EQ(Query(*d, ">b/x", ALL, GCF::SOURCES), "");
   EXPECT_EQ(Message(d->CheckConnectionConsistency()), "(ok)");
+}
+
+// Switches the check of both ends on for one test, whatever the environment
+// says, and puts back what was there.
+class ConsistencyCheckOn {
+ public:
+  ConsistencyCheckOn() : _was(g_testGetConnections.Get()) { g_testGetConnections.Set(true); }
+  ~ConsistencyCheckOn() { g_testGetConnections.Set(_was); }
+
+ private:
+  bool _was;
+};
+
+// Node m on an operator with the nested input <a/p/q, and the root inputs <u
+// and <w shaped alike: wires between them can meet at every level. Ended
+// with the check of both ends; the end's message, "(ok)" if it went through.
+Ref<NodeSystemImpl> Aligned(
+    std::initializer_list<std::tuple<std::string_view, std::string_view, uint64_t>> wires,
+    std::string& ended) {
+  static const Ref<NodeSystemImpl> op = MakeOperator({{"<a", "<a/p", "<a/p/q"}, {}});
+  Ref<NodeSystemImpl> s = Open();
+  EXPECT_TRUE(s->AddChild("m", op, nullptr));
+  AddPorts(*s, {"<u", "<u/p", "<u/p/q", "<w", "<w/p", "<w/p/q"});
+  for (const auto& [from, to, w] : wires) Wire(*s, from, to, w);
+  const ConsistencyCheckOn check;
+  ended = Message(s->EndModification(nullptr, FINALIZE_FLAGS::CLEANUP));
+  return s;
+}
+
+// A nested port's own source wire hides the same channel of an ancestor's
+// wire even where its end at the port was reported already, from a nearer
+// level: <u/p -> m<a/p on channel 1 keeps <w -> m<a on channel 1 from
+// m<a/p/q, whose source <u/p/q came first through a wire of its own.
+TEST(ConnectionQueries, ASourceWireHidesItsChannelsAlsoWhereItsEndCameFromANearerLevel) {
+  std::string ended;
+  Ref<NodeSystemImpl> g = Aligned(
+      {{"<u/p/q", "m<a/p/q", 0x10}, {"<u/p", "m<a/p", 0x1000}, {"<w", "m<a", 0x1000}}, ended);
+  EXPECT_EQ(ended, "(ok)");
+  EXPECT_EQ(Query(*g, "m<a/p/q", ALL_IMPLICIT, GCF::SOURCES), "from <u/p/q 0x10");
+  EXPECT_EQ(Query(*g, "<w/p/q", ALL_IMPLICIT, GCF::TARGETS), "");
+  EXPECT_EQ(Query(*g, "m<a/p", ALL_IMPLICIT, GCF::SOURCES), "from <u/p 0x1000");
+  EXPECT_EQ(Query(*g, "<w/p", ALL_IMPLICIT, GCF::TARGETS), "");
+  // With a channel that the nearer wires don't use, the ancestor's wire goes
+  // through, with all its channels.
+  Ref<NodeSystemImpl> h = Aligned(
+      {{"<u/p/q", "m<a/p/q", 0x10}, {"<u/p", "m<a/p", 0x1000}, {"<w", "m<a", 0x101000}}, ended);
+  EXPECT_EQ(ended, "(ok)");
+  EXPECT_EQ(Query(*h, "m<a/p/q", ALL_IMPLICIT, GCF::SOURCES),
+            "from <u/p/q 0x10, from <w/p/q 0x505000");
+  EXPECT_EQ(Query(*h, "<w/p/q", ALL_IMPLICIT, GCF::TARGETS), "to m<a/p/q 0x505000");
+}
+
+// A source wire of an ancestor port hides its channels from the nested ports
+// below even where the nested port at its own end doesn't exist: <u -> m<a/p
+// names <u/q for m<a/p/q, and there is none, yet the intermediate port m<a/p
+// has that source and keeps the wire <u -> m<a from m<a/p/q on channel 1, as
+// seen from <u/p/q too.
+TEST(ConnectionQueries, ASourceWireHidesItsChannelsAlsoWhereItsNestedEndIsMissing) {
+  std::string ended;
+  Ref<NodeSystemImpl> g = Aligned({{"<u", "m<a", 0x1000}, {"<u", "m<a/p", 0x1000}}, ended);
+  EXPECT_EQ(ended, "(ok)");
+  EXPECT_EQ(Query(*g, "m<a/p/q", ALL_IMPLICIT, GCF::SOURCES), "");
+  EXPECT_EQ(Query(*g, "<u/p/q", ALL_IMPLICIT, GCF::TARGETS), "");
+  EXPECT_EQ(Query(*g, "m<a/p", ALL_IMPLICIT, GCF::SOURCES), "from <u 0x1000");
+}
+
+// In a derived system what hides an ancestor's wire is the nested port's
+// wire as this system has it: a base's record that a newer one replaces at
+// the same level hides nothing, whether the wire was changed or taken away,
+// nor does a record whose end this system removed; a record whose end is
+// there while the nested port at that end was removed still does.
+TEST(ConnectionQueries, OnlyTheEffectiveSourceWiresOfANestedPortHideAnAncestorsWire) {
+  std::string ended;
+  const Ref<NodeSystemImpl> base =
+      Aligned({{"<u/p", "m<a/p", 0x1000}, {"<w", "m<a", 0x1000}}, ended);
+  ASSERT_EQ(ended, "(ok)");
+  EXPECT_EQ(Query(*base, "m<a/p/q", ALL_IMPLICIT, GCF::SOURCES), "from <u/p/q 0x5000");
+  const struct {
+    const char* edit;
+    std::string atPort;  // the sources of m<a/p/q
+    std::string atEnd;   // the targets of <w/p/q
+  } cases[] = {
+      // m<a/p's wire moves from channel 1 to channel 0.
+      {"changed", "from <u/p/q 0x50, from <w/p/q 0x5000", "to m<a/p/q 0x5000"},
+      // m<a/p's wire is taken away by a record of no wires.
+      {"cleared", "from <w/p/q 0x5000", "to m<a/p/q 0x5000"},
+      // <u/p is gone, and with it m<a/p's source.
+      {"end removed", "from <w/p/q 0x5000", "to m<a/p/q 0x5000"},
+      // <u/p/q is gone; m<a/p keeps its source <u/p.
+      {"nested end removed", "", ""},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.edit);
+    Ref<NodeSystemImpl> d = Open(base);
+    const std::string_view edit = c.edit;
+    if (edit == "changed") Wire(*d, "<u/p", "m<a/p", 0x3e10);
+    if (edit == "cleared") Wire(*d, "<u/p", "m<a/p", 0x3e00);
+    if (edit.ends_with("removed")) {
+      const char* gone = edit == "end removed" ? "<u/p" : "<u/p/q";
+      ASSERT_TRUE(d->Remove(d->FindByPath(P(gone)), nullptr));
+    }
+    const ConsistencyCheckOn check;
+    EXPECT_EQ(Message(d->EndModification(nullptr, FINALIZE_FLAGS::CLEANUP)), "(ok)");
+    EXPECT_EQ(Query(*d, "m<a/p/q", ALL_IMPLICIT, GCF::SOURCES), c.atPort);
+    EXPECT_EQ(Query(*d, "<w/p/q", ALL_IMPLICIT, GCF::TARGETS), c.atEnd);
+  }
+  // The base keeps its own view.
+  EXPECT_EQ(Query(*base, "<w/p/q", ALL_IMPLICIT, GCF::TARGETS), "");
 }
 
 }  // namespace

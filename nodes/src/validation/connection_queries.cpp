@@ -96,6 +96,11 @@ class ConnectionWalk {
   Result<STEP> HandleRecord(const Level& level, const NodeInfo* layer,
                             const NodeSystemImpl* holder, size_t k, const ConnectionKey& key,
                             const ConnectionData& data);
+  // Takes the channels of a source record of the level's port off what
+  // remains for sources, if the record is that port's own source there.
+  Result<void> HideSourceChannels(const NodeInfo* layer, const NodeSystemImpl* holder,
+                                  const NodePath& levelEnd, const FoundNode& levelEndFound,
+                                  Wires wires);
   // The decision on one record whose other end exists; nothing if rejected.
   Result<bool> Accept(const Level& level, const NodeSystemImpl* holder, const ConnectionKey& key,
                       const ConnectionData& data, const NodePath& otherPath,
@@ -111,6 +116,9 @@ class ConnectionWalk {
   Wires _remaining[2];
   // Induced dependencies not yet reported, in table order.
   std::vector<NodePath> _pending;
+  // The ends of the source records that decided their channels at the
+  // current level: an older layer's record for the same end hides nothing.
+  std::unordered_set<NodePath> _levelSources;
   bool _found = false;
 };
 
@@ -168,6 +176,7 @@ Result<bool> ConnectionWalk::Run(uint64_t wiresMask) {
     level.depth = level.suffix.size();
     level.mask[0] = _remaining[0];
     level.mask[1] = _remaining[1];
+    _levelSources.clear();
     // A wire at this level leads to the filter's port only if the nested
     // parts below agree; they won't agree higher up either.
     if (filtered &&
@@ -255,12 +264,10 @@ Result<bool> ConnectionWalk::Run(uint64_t wiresMask) {
   return true;
 }
 
-Result<ConnectionWalk::STEP> ConnectionWalk::HandleRecord(const Level& level,
-                                                           const NodeInfo* layer,
-                                                           const NodeSystemImpl* holder, size_t k,
-                                                           const ConnectionKey& key,
-                                                           const ConnectionData& data) {
-  static_cast<void>(layer);
+Result<ConnectionWalk::STEP> ConnectionWalk::HandleRecord(const Level& level, const NodeInfo* layer,
+                                                          const NodeSystemImpl* holder, size_t k,
+                                                          const ConnectionKey& key,
+                                                          const ConnectionData& data) {
   const bool shortcuts = HasAny(_flags, GCF::SHORTCUTS);
   if ((key.GetType() == CONNECTION_TYPE::SHORTCUT) != shortcuts) return STEP::GO_ON;
   const CONNECTION_DIRECTION direction = key.GetDirection();
@@ -268,26 +275,31 @@ Result<ConnectionWalk::STEP> ConnectionWalk::HandleRecord(const Level& level,
   if (!HasAny(_flags, wanted)) return STEP::GO_ON;
 
   // The other end as this system names it: the level with the layer's own
-  // path replaced by the record's, and the nested parts below.
-  NodePath otherPath = key.other;
+  // path replaced by the record's, and the nested parts below. `levelEnd` is
+  // the end that the record gives the level's port itself.
+  NodePath levelEnd = key.other;
   if (k > 0) {
-    ORVIX_TRY_ASSIGN(otherPath, otherPath.Prepend(level.parts.first(k)));
+    ORVIX_TRY_ASSIGN(levelEnd, levelEnd.Prepend(level.parts.first(k)));
   }
+  const bool isSource = direction == CONNECTION_DIRECTION::SOURCE;
+  FoundNode levelEndFound;
+  if (isSource || level.depth == 0) levelEndFound = _system.FindNode(levelEnd, NODE_KIND::ALL_MASK);
+  // A nearer source wire hides farther ones channel by channel, whether or
+  // not it is reported here, and even where the nested end it names for the
+  // port doesn't exist.
+  if (isSource) ORVIX_TRY(HideSourceChannels(layer, holder, levelEnd, levelEndFound, data.wires));
+
+  NodePath otherPath = levelEnd;
+  FoundNode otherFound = levelEndFound;
   if (level.depth > 0) {
-    ORVIX_TRY_ASSIGN(otherPath, otherPath.AppendBlock(level.suffix));
+    ORVIX_TRY_ASSIGN(otherPath, levelEnd.AppendBlock(level.suffix));
+    otherFound = _system.FindNode(otherPath, NODE_KIND::ALL_MASK);
   }
-  const FoundNode otherFound = _system.FindNode(otherPath, NODE_KIND::ALL_MASK);
   if (!otherFound) return STEP::GO_ON;
   // A level newer than the record's may have removed or replaced an element
   // on the way. Asked only of an end that exists, whose prefixes all do.
   if (holder != &_system && _system.IsRemovedAbove(otherPath.ToBlock(), *holder)) {
     return STEP::GO_ON;
-  }
-  // A nearer source wire hides farther ones channel by channel, reported or
-  // not. A record whose other end a nearer layer has decided already is
-  // hidden itself and hides nothing.
-  if (direction == CONNECTION_DIRECTION::SOURCE && !_query.seen.contains(otherPath)) {
-    _remaining[0] &= ~UsedChannels(data.wires);
   }
 
   ORVIX_TRY_ASSIGN(bool accepted, Accept(level, holder, key, data, otherPath, otherFound));
@@ -299,6 +311,41 @@ Result<ConnectionWalk::STEP> ConnectionWalk::HandleRecord(const Level& level,
   }
   ORVIX_TRY_ASSIGN(bool goOn, Report());
   return goOn ? STEP::GO_ON : STEP::STOP;
+}
+
+Result<void> ConnectionWalk::HideSourceChannels(const NodeInfo* layer, const NodeSystemImpl* holder,
+                                                const NodePath& levelEnd,
+                                                const FoundNode& levelEndFound, Wires wires) {
+  // Deliberately not the plain rule. The plain rule first finds the nested
+  // end that the record names for the port asked about, and skips a record
+  // whose nested end doesn't exist, or lies below an element that a newer
+  // layer removed, without taking its channels off. The other end of an
+  // ancestor port's wire judges otherwise: on its way down to the port it
+  // takes off every source wire that a port between has of its own. With
+  // <u -> m<a and <u -> m<a/p on one channel and no <u/q, the plain rule has
+  // m<a/p/q list <u/p/q as a source while <u/p/q doesn't list m<a/p/q as a
+  // target. We keep both ends agreeing: a record counts for the channels it
+  // hides if the end it gives the level's own port exists and no newer layer
+  // hid it, whatever lies below that end.
+  if (!levelEndFound) return Ok();
+  if (holder != &_system && _system.IsRemovedAbove(levelEnd.ToBlock(), *holder)) return Ok();
+  // The plain rule would also take off the channels of a record that a newer
+  // layer replaced at the same level, as when a derived system changed the
+  // wire or took it away. The level's port no longer has that record and the
+  // other end doesn't count it, so it hides nothing here either: the first
+  // record of an end at a level decides. A record whose end was reported at
+  // a nearer level is still the level's port's own, and counts. Only a layer
+  // with older ones behind it notes its ends.
+  if (_levelSources.contains(levelEnd)) return Ok();
+  if (layer->base) {
+    try {
+      _levelSources.insert(levelEnd);
+    } catch (const std::bad_alloc&) {
+      return OutOfMemoryError();
+    }
+  }
+  _remaining[0] &= ~UsedChannels(wires);
+  return Ok();
 }
 
 Result<bool> ConnectionWalk::Report() {
