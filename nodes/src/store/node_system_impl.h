@@ -17,6 +17,7 @@
 
 #include "orvix/graph/node_kind.h"
 #include "orvix/graph/node_path.h"
+#include "orvix/host/function_ref.h"
 #include "orvix/host/interned_id.h"
 #include "orvix/host/ref.h"
 #include "orvix/host/result.h"
@@ -213,7 +214,7 @@ class NodeSystemImpl final : public NodeSystem {
   // queries takes its place when it exists.
   Result<void> VisitConnectedTopLevelPorts(const GNode& port, bool sources, uint64_t wiresMask,
                                            NEIGHBOUR_FLAGS flags,
-                                           const std::function<Result<void>(const GNode&)>& visit);
+                                           FunctionRef<Result<void>(const GNode&)> visit);
   // A system derived from `base`: its one record is the root, a
   // DIRECT_INSTANCE node whose nested system is `base`; `_bases[0]` is `base`
   // and the level is one above the base's. The base must be initialized and

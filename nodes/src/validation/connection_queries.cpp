@@ -66,6 +66,19 @@ std::pair<const NodeInfo*, const NodeSystemImpl*> NearestShortcutLayer(
   return {nullptr, nullptr};
 }
 
+// Makes `function` hold `f`. A std::function may allocate to hold a callable,
+// and an exception must not leave the library: an allocation failure is the
+// out-of-memory error.
+template <typename Function, typename F>
+Result<void> Assign(Function& function, F&& f) noexcept {
+  try {
+    function = std::forward<F>(f);
+  } catch (const std::bad_alloc&) {
+    return OutOfMemoryError();
+  }
+  return Ok();
+}
+
 }  // namespace
 
 // ---------------------------------------------------------------------------
@@ -404,10 +417,10 @@ Result<bool> ConnectionWalk::Accept(const Level& level, const NodeSystemImpl* ho
       ConnectionQuery nested;
       nested.port = GNode(prefix, found.info, found.system, 0);
       _system.Refresh(nested.port);
-      nested.callback = [&mask](ConnectionQuery& q) -> Result<bool> {
+      ORVIX_TRY(Assign(nested.callback, [&mask](ConnectionQuery& q) -> Result<bool> {
         mask &= ~UsedChannels(q.wires);
         return !mask.IsEmpty();
-      };
+      }));
       ORVIX_TRY(_system.GetConnections(mask.GetValue(), GCF::SOURCES | GCF::WITHOUT_IMPLICIT,
                                        nested, UNLIMITED_DEPTH));
     }
@@ -522,7 +535,7 @@ Result<void> NodeSystemImpl::CollectConnectedPorts(const GNode& port, const Node
   for (const GCF direction : {GCF::SOURCES, GCF::TARGETS}) {
     ConnectionQuery query;
     query.port = port;
-    query.callback = [&](ConnectionQuery& q) -> Result<bool> {
+    ORVIX_TRY(Assign(query.callback, [&](ConnectionQuery& q) -> Result<bool> {
       if (skipBelow && q.other.path.StartsWith(*skipBelow)) return true;
       try {
         touches.push_back({q.other, q.direction == CONNECTION_DIRECTION::SOURCE
@@ -532,7 +545,7 @@ Result<void> NodeSystemImpl::CollectConnectedPorts(const GNode& port, const Node
         return OutOfMemoryError();
       }
       return true;
-    };
+    }));
     ORVIX_TRY(GetConnections(ALL_WIRES_IMPLICIT_MASK, direction, query, UNLIMITED_DEPTH));
   }
   return Ok();
@@ -597,7 +610,8 @@ Result<bool> NodeSystemImpl::GetConnections(const GNode& port, PORT_DIR directio
   ORVIX_TRY(Resolve(handle));
   ConnectionQuery query;
   query.port = std::move(handle);
-  query.callback = [&callback](ConnectionQuery& q) { return callback(q.other, q.wires, q.data); };
+  ORVIX_TRY(Assign(query.callback,
+                   [&callback](ConnectionQuery& q) { return callback(q.other, q.wires, q.data); }));
   return GetConnections(mask.GetValue(), flags, query, UNLIMITED_DEPTH);
 }
 
@@ -681,43 +695,56 @@ Result<void> NodeSystemImpl::CheckConnectionConsistency() const {
   } catch (const std::bad_alloc&) {
     return OutOfMemoryError();
   }
+  // The callbacks are made once; they read the port and direction being
+  // checked, and the report of the port's own query being looked for from
+  // the other end.
   const Wires mask(ALL_WIRES_IMPLICIT_MASK);
-  for (const GNode& port : ports) {
-    for (const PORT_DIR direction : {PORT_DIR::INPUT, PORT_DIR::OUTPUT}) {
-      const PORT_DIR back = direction == PORT_DIR::INPUT ? PORT_DIR::OUTPUT : PORT_DIR::INPUT;
-      ORVIX_TRY(GetConnections(
-          port, direction, mask, GET_CONNECTIONS_MODE::CONNECTIONS,
-          [&](const GNode& other, Wires wires, const Ref<ConnectionAttributes>&) -> Result<bool> {
-            const GNode& from = direction == PORT_DIR::INPUT ? other : port;
-            const GNode& to = direction == PORT_DIR::INPUT ? port : other;
-            std::optional<Error> failure;
-            ORVIX_TRY_ASSIGN(
-                bool notFound,
-                GetConnections(other, back, mask, GET_CONNECTIONS_MODE::CONNECTIONS,
-                               [&](const GNode& end, Wires backWires,
-                                   const Ref<ConnectionAttributes>&) -> Result<bool> {
-                                 if (!end.path.Equals(port.path)) return true;
-                                 if (backWires != wires) {
-                                   // The source's view first, whichever end
-                                   // the walk met first.
-                                   const bool atSource = direction == PORT_DIR::OUTPUT;
-                                   failure.emplace(
-                                       ERROR_CLASS::ILLEGAL_STATE,
-                                       FormatMessage(
-                                           "Inconsistent result for wires from @ to @: @ and @",
-                                           from.path, to.path, atSource ? wires : backWires,
-                                           atSource ? backWires : wires));
-                                 }
-                                 return false;
-                               }));
-            if (failure) return std::move(*failure);
-            if (notFound) {
-              return Error(ERROR_CLASS::ILLEGAL_STATE,
-                           FormatMessage("Reverse connection from @ to @ not found.", from.path,
-                                         to.path));
-            }
-            return true;
-          }));
+  const GNode* port = nullptr;
+  PORT_DIR direction = PORT_DIR::INPUT;
+  const GNode* from = nullptr;
+  const GNode* to = nullptr;
+  Wires wires;
+  std::optional<Error> failure;
+  ConnectionCallback lookBack;
+  ORVIX_TRY(Assign(
+      lookBack,
+      [&](const GNode& end, Wires backWires, const Ref<ConnectionAttributes>&) -> Result<bool> {
+        if (!end.path.Equals(port->path)) return true;
+        if (backWires != wires) {
+          // The source's view first, whichever end the walk met first.
+          const bool atSource = direction == PORT_DIR::OUTPUT;
+          failure.emplace(
+              ERROR_CLASS::ILLEGAL_STATE,
+              FormatMessage("Inconsistent result for wires from @ to @: @ and @", from->path,
+                            to->path, atSource ? wires : backWires, atSource ? backWires : wires));
+        }
+        return false;
+      }));
+  ConnectionCallback check;
+  ORVIX_TRY(Assign(
+      check,
+      [&](const GNode& other, Wires reported, const Ref<ConnectionAttributes>&) -> Result<bool> {
+        const bool input = direction == PORT_DIR::INPUT;
+        from = input ? &other : port;
+        to = input ? port : &other;
+        wires = reported;
+        failure.reset();
+        ORVIX_TRY_ASSIGN(bool notFound,
+                         GetConnections(other, input ? PORT_DIR::OUTPUT : PORT_DIR::INPUT, mask,
+                                        GET_CONNECTIONS_MODE::CONNECTIONS, lookBack));
+        if (failure) return std::move(*failure);
+        if (notFound) {
+          return Error(
+              ERROR_CLASS::ILLEGAL_STATE,
+              FormatMessage("Reverse connection from @ to @ not found.", from->path, to->path));
+        }
+        return true;
+      }));
+  for (const GNode& checked : ports) {
+    port = &checked;
+    for (const PORT_DIR d : {PORT_DIR::INPUT, PORT_DIR::OUTPUT}) {
+      direction = d;
+      ORVIX_TRY(GetConnections(checked, direction, mask, GET_CONNECTIONS_MODE::CONNECTIONS, check));
     }
   }
   return Ok();

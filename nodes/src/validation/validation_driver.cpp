@@ -190,15 +190,16 @@ Result<void> NodeSystemImpl::ScheduleNeighbours(const GNode& port, GNODE_FLAGS_I
 
 Result<void> NodeSystemImpl::VisitConnectedTopLevelPorts(
     const GNode& port, bool sources, uint64_t wiresMask, NEIGHBOUR_FLAGS flags,
-    const std::function<Result<void>(const GNode&)>& visit) {
+    FunctionRef<Result<void>(const GNode&)> visit) {
   // Stored records know no induced dependencies; those come with the
   // effective-connection walk.
   const bool withShortcuts = HasAny(flags, NEIGHBOUR_FLAGS::SHORTCUTS);
   const CONNECTION_DIRECTION wanted =
       sources ? CONNECTION_DIRECTION::SOURCE : CONNECTION_DIRECTION::TARGET;
   std::vector<NodePath> others;
-  std::vector<GNode> pending{port};
+  std::vector<GNode> pending;
   try {
+    pending.push_back(port);
     while (!pending.empty()) {
       GNode current = std::move(pending.back());
       pending.pop_back();

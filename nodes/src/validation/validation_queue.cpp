@@ -44,7 +44,7 @@ Result<void> ValidationQueue::PutAt(uint64_t index, const GNode& port) {
   return Ok();
 }
 
-Result<void> ValidationQueue::Process(const Step& step) {
+Result<void> ValidationQueue::Process(Step step) {
   _lateEntries.emplace();
   struct DropLateEntries {
     std::optional<std::map<uint64_t, GNode>>& late;

@@ -13,10 +13,10 @@
 // order at a cost that follows the number of queued ports only.
 
 #include <cstdint>
-#include <functional>
 #include <map>
 #include <optional>
 
+#include "orvix/host/function_ref.h"
 #include "orvix/host/result.h"
 #include "orvix/nodes/gnode.h"
 
@@ -24,7 +24,8 @@ namespace orvix::nodes {
 
 class ValidationQueue {
  public:
-  using Step = std::function<Result<void>(GNode& port)>;
+  // Taken by reference: passing one allocates nothing and so can't throw.
+  using Step = FunctionRef<Result<void>(GNode& port)>;
 
   // An ascending queue (base 0), or a descending one whose base is
   // `indexCount` - 1.
@@ -39,7 +40,7 @@ class ValidationQueue {
 
   // Runs `step` on every entry in key order, late entries included, until
   // the queue is through or a step fails. Entries stay in the queue.
-  Result<void> Process(const Step& step);
+  Result<void> Process(Step step);
 
   bool IsDescending() const noexcept { return _descending; }
   bool IsProcessing() const noexcept { return _lateEntries.has_value(); }

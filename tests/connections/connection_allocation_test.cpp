@@ -1,0 +1,150 @@
+// Allocation failures on the paths of the connection queries and of the check
+// of both ends. This binary's global operator new can be told to fail the
+// n-th allocation from now (the nothrow forms return null); a run fails each
+// allocation of a call in turn, and the call must hand back the out-of-memory
+// error every time, never let std::bad_alloc through.
+
+#include <atomic>
+#include <cstdlib>
+#include <new>
+#include <optional>
+
+#include "connection_test_support.h"
+#include "orvix/nodes/config_variables.h"
+
+namespace {
+// The allocations to go until the one that fails, that one included; 0 for
+// none. A failure happens once, and is noted.
+std::atomic<long> g_untilFailure{0};
+std::atomic<bool> g_failed{false};
+
+void* Allocate(std::size_t size) noexcept {
+  if (g_untilFailure.load(std::memory_order_relaxed) > 0 && g_untilFailure.fetch_sub(1) == 1) {
+    g_failed = true;
+    return nullptr;
+  }
+  return std::malloc(size == 0 ? 1 : size);
+}
+}  // namespace
+
+// Every form without an alignment is replaced, so that each allocation of the
+// binary and of the libraries it loads is freed by the matching form.
+void* operator new(std::size_t size) {
+  if (void* p = Allocate(size)) return p;
+  throw std::bad_alloc();
+}
+void* operator new[](std::size_t size) {
+  if (void* p = Allocate(size)) return p;
+  throw std::bad_alloc();
+}
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+  return Allocate(size);
+}
+void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
+  return Allocate(size);
+}
+void operator delete(void* p) noexcept {
+  std::free(p);
+}
+void operator delete[](void* p) noexcept {
+  std::free(p);
+}
+void operator delete(void* p, std::size_t) noexcept {
+  std::free(p);
+}
+void operator delete[](void* p, std::size_t) noexcept {
+  std::free(p);
+}
+void operator delete(void* p, const std::nothrow_t&) noexcept {
+  std::free(p);
+}
+void operator delete[](void* p, const std::nothrow_t&) noexcept {
+  std::free(p);
+}
+
+namespace orvix::nodes::test {
+namespace {
+
+// Runs `call` with its first allocation failing, then its second, and so on
+// until a run meets no failure, which must give `expected`; every other run
+// must give the out-of-memory error. `call` returns a Result.
+template <typename Call>
+void EachAllocationFails(Call call, const std::string& expected) {
+  for (long n = 1;; ++n) {
+    std::optional<decltype(call())> result;
+    bool thrown = false;
+    g_failed = false;
+    g_untilFailure = n;
+    try {
+      result.emplace(call());
+    } catch (const std::bad_alloc&) {
+      thrown = true;
+    }
+    g_untilFailure = 0;
+    ASSERT_FALSE(thrown) << "std::bad_alloc escaped at allocation " << n;
+    if (!g_failed) {
+      EXPECT_EQ(Message(*result), expected) << "after " << n - 1 << " allocations";
+      return;
+    }
+    ASSERT_EQ(Message(*result), "Out of memory.") << "allocation " << n;
+  }
+}
+
+// A graph whose wires meet at nested levels: n1<a/x has its own source and
+// its parent's wire; the adders' content has wires of its own.
+Ref<NodeSystemImpl> Wired() {
+  static const Ref<NodeSystemImpl> adder = MakeOperator(Adder());
+  Ref<NodeSystemImpl> s = Open();
+  AddPorts(*s, {"<r", "<r/x", "<s", ">q", ">q/x"});
+  EXPECT_TRUE(s->AddChild("n1", adder, nullptr));
+  EXPECT_TRUE(s->AddChild("n2", adder, nullptr));
+  Wire(*s, "<r", "n1<a", 0x1010);
+  Wire(*s, "<s", "n1<a/x", 0x10);
+  Wire(*s, "n1>sum", "n2<a", 0x10);
+  Wire(*s, "n2>sum", ">q", 0x10);
+  return s;
+}
+
+TEST(ConnectionAllocation, TheCheckOfBothEndsGivesTheOutOfMemoryError) {
+  Ref<NodeSystemImpl> s = Wired();
+  Finish(*s);
+  EachAllocationFails([&] { return s->CheckConnectionConsistency(); }, "(ok)");
+  // The same check at the end of a modification, switched on.
+  const bool was = g_testGetConnections.Get();
+  g_testGetConnections.Set(true);
+  EachAllocationFails(
+      [&]() -> Result<void> {
+        if (!s->_mutable) ORVIX_TRY(s->BeginModification());
+        return s->EndModification(nullptr, FINALIZE_FLAGS::CLEANUP);
+      },
+      "(ok)");
+  g_testGetConnections.Set(was);
+}
+
+TEST(ConnectionAllocation, QueriesAndTheirNeighbourWalkGiveTheOutOfMemoryError) {
+  Ref<NodeSystemImpl> s = Wired();
+  Finish(*s);
+  const GNode nested = s->FindByPath(P("n1<a/x"));
+  const ConnectionCallback count = [](const GNode&, Wires, const Ref<ConnectionAttributes>&) {
+    return Result<bool>(true);
+  };
+  EachAllocationFails(
+      [&] {
+        return s->GetConnections(nested, PORT_DIR::INPUT, Wires(ALL_WIRES_IMPLICIT_MASK),
+                                 GET_CONNECTIONS_MODE::CONNECTIONS, count);
+      },
+      "(ok)");
+  const GNode root = s->FindByPath(P("<r"));
+  EachAllocationFails(
+      [&] {
+        return s->VisitConnectedTopLevelPorts(root, false, ALL_WIRES_MASK, NEIGHBOUR_FLAGS::NONE,
+                                              [](const GNode&) { return Ok(); });
+      },
+      "(ok)");
+  ASSERT_TRUE(s->BeginModification());
+  const GNode node = s->FindByPath(P("n1"));
+  EachAllocationFails([&] { return s->TouchConnectedPortsRecursive(node); }, "(ok)");
+}
+
+}  // namespace
+}  // namespace orvix::nodes::test
