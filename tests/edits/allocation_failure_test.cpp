@@ -149,14 +149,16 @@ std::vector<std::string> Unmarked(const NodeSystemImpl& s, const Dump& before, c
   return unmarked;
 }
 
+// How one run ended.
+enum class Outcome { NOT_REACHED, SUCCEEDED, ALL_OR_NOTHING, PARTIAL, BROKEN };
+
 struct Tally {
   int runs = 0, succeeded = 0, allOrNothing = 0, partial = 0, broken = 0;
   std::map<std::string, int> partialBySteps;
 };
 
-// One run of the scenario with the `failAt`-th allocation failing. Returns
-// false when the armed allocation was never reached.
-bool RunOnce(const Ref<NodeSystem>& op, bool derived, uint64_t failAt, Tally& tally) {
+// One run of the scenario with the `failAt`-th allocation failing.
+Outcome RunBody(const Ref<NodeSystem>& op, bool derived, uint64_t failAt, std::string& failedStep) {
   const Ref<NodeSystem> graph = MakeGraph(op);
   const Dump original = Visible(*graph);
   Scenario scenario = MakeScenario(op);
@@ -165,7 +167,6 @@ bool RunOnce(const Ref<NodeSystem>& op, bool derived, uint64_t failAt, Tally& ta
   NodeSystemImpl& s = Impl(open);
   CapturedOutput output;
   bool reached = false;
-  std::string failedStep;
   Dump before;
   Dump after;
   bool broken = false;
@@ -207,11 +208,18 @@ bool RunOnce(const Ref<NodeSystem>& op, bool derived, uint64_t failAt, Tally& ta
     if (reached && !finished) {
       failedStep = "EndModification";
       EXPECT_EQ(finished.GetError().GetClass(), ERROR_CLASS::OUT_OF_MEMORY) << Message(finished);
-      EXPECT_FALSE(open._system->IsFinalized());
+      // The check of both ends of every wire runs once the bracket is closed:
+      // when it fails, the system is finished all the same.
+      // Counted as partial: the bracket closed, but the end reported a failure.
+      // A system kept open has lost nothing and is ended again below.
+      if (open._system->IsFinalized()) {
+        finished = std::move(open._system);
+      } else {
+        after = before;
+      }
     }
   }
-  if (!reached) return false;
-  ++tally.runs;
+  if (!reached) return Outcome::NOT_REACHED;
   if (!finished) finished = open.EndModification(nullptr, FINALIZE_FLAGS::CLEANUP);
   EXPECT_TRUE(finished) << failedStep << " at " << failAt << ": " << Message(finished);
   open._system.Reset();
@@ -224,16 +232,40 @@ bool RunOnce(const Ref<NodeSystem>& op, bool derived, uint64_t failAt, Tally& ta
     broken = true;
     ADD_FAILURE() << failedStep << " at " << failAt << " wrote an internal error";
   }
-  if (broken || !finished) {
-    ++tally.broken;
-  } else if (failedStep.empty()) {
-    ++tally.succeeded;
-  } else if (before == after) {
-    ++tally.allOrNothing;
-  } else {
-    ++tally.partial;
-    ++tally.partialBySteps[failedStep];
+  if (broken || !finished) return Outcome::BROKEN;
+  if (failedStep.empty()) return Outcome::SUCCEEDED;
+  return before == after ? Outcome::ALL_OR_NOTHING : Outcome::PARTIAL;
+}
+
+// One run, counted in `tally`. What the run allocated must all be given back
+// once its objects are gone; a failure path may fill a cache of the process
+// once (an interned id, say), so a run that keeps memory is repeated, and a
+// leak is what grows again. Returns false when the armed allocation was never
+// reached.
+bool RunOnce(const Ref<NodeSystem>& op, bool derived, uint64_t failAt, Tally& tally) {
+  // The names of failed steps are kept in buffers made before counting.
+  std::string failedStep(64, ' ');
+  std::string again(64, ' ');
+  failedStep.clear();
+  again.clear();
+  int64_t start = FailingAllocator::Live();
+  Outcome outcome = RunBody(op, derived, failAt, failedStep);
+  if (outcome != Outcome::NOT_REACHED && FailingAllocator::Live() != start) {
+    start = FailingAllocator::Live();
+    RunBody(op, derived, failAt, again);
+    EXPECT_EQ(FailingAllocator::Live(), start) << "leak with allocation " << failAt << " failing";
   }
+  switch (outcome) {
+    case Outcome::NOT_REACHED: return false;
+    case Outcome::SUCCEEDED: ++tally.succeeded; break;
+    case Outcome::ALL_OR_NOTHING: ++tally.allOrNothing; break;
+    case Outcome::PARTIAL:
+      ++tally.partial;
+      ++tally.partialBySteps[failedStep];
+      break;
+    case Outcome::BROKEN: ++tally.broken; break;
+  }
+  ++tally.runs;
   return true;
 }
 
@@ -248,12 +280,10 @@ TEST_P(AllocationFailure, EveryAllocationOfAnEditScenarioMayFail) {
   const Ref<NodeSystem> op = Finish(build);
   ASSERT_TRUE(op);
   Tally warmUp;
-  // Interns every id and fills every pool once, so that a leak shows.
+  // Interns every id and fills every pool once.
   ASSERT_FALSE(RunOnce(op, derived, 0, warmUp));
-  const int64_t live = FailingAllocator::Live();
   Tally tally;
   for (uint64_t failAt = 1; RunOnce(op, derived, failAt, tally); ++failAt) {
-    EXPECT_EQ(FailingAllocator::Live(), live) << "leak with allocation " << failAt << " failing";
     if (HasFailure()) break;
   }
   EXPECT_GT(tally.runs, 100);
