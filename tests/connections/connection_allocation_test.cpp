@@ -1,66 +1,15 @@
 // Allocation failures on the paths of the connection queries and of the check
 // of both ends. This binary's global operator new can be told to fail the
-// n-th allocation from now (the nothrow forms return null); a run fails each
+// n-th allocation from now (failing_allocator.h); a run fails each
 // allocation of a call in turn, and the call must hand back the out-of-memory
 // error every time, never let std::bad_alloc through.
 
-#include <atomic>
-#include <cstdlib>
 #include <new>
 #include <optional>
 
 #include "connection_test_support.h"
+#include "failing_allocator.h"
 #include "orvix/nodes/config_variables.h"
-
-namespace {
-// The allocations to go until the one that fails, that one included; 0 for
-// none. A failure happens once, and is noted.
-std::atomic<long> g_untilFailure{0};
-std::atomic<bool> g_failed{false};
-
-void* Allocate(std::size_t size) noexcept {
-  if (g_untilFailure.load(std::memory_order_relaxed) > 0 && g_untilFailure.fetch_sub(1) == 1) {
-    g_failed = true;
-    return nullptr;
-  }
-  return std::malloc(size == 0 ? 1 : size);
-}
-}  // namespace
-
-// Every form without an alignment is replaced, so that each allocation of the
-// binary and of the libraries it loads is freed by the matching form.
-void* operator new(std::size_t size) {
-  if (void* p = Allocate(size)) return p;
-  throw std::bad_alloc();
-}
-void* operator new[](std::size_t size) {
-  if (void* p = Allocate(size)) return p;
-  throw std::bad_alloc();
-}
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-  return Allocate(size);
-}
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
-  return Allocate(size);
-}
-void operator delete(void* p) noexcept {
-  std::free(p);
-}
-void operator delete[](void* p) noexcept {
-  std::free(p);
-}
-void operator delete(void* p, std::size_t) noexcept {
-  std::free(p);
-}
-void operator delete[](void* p, std::size_t) noexcept {
-  std::free(p);
-}
-void operator delete(void* p, const std::nothrow_t&) noexcept {
-  std::free(p);
-}
-void operator delete[](void* p, const std::nothrow_t&) noexcept {
-  std::free(p);
-}
 
 namespace orvix::nodes::test {
 namespace {
@@ -73,16 +22,18 @@ void EachAllocationFails(Call call, const std::string& expected) {
   for (long n = 1;; ++n) {
     std::optional<decltype(call())> result;
     bool thrown = false;
-    g_failed = false;
-    g_untilFailure = n;
-    try {
-      result.emplace(call());
-    } catch (const std::bad_alloc&) {
-      thrown = true;
+    bool failed = false;
+    {
+      orvix::test::FailAllocation fail(static_cast<uint64_t>(n));
+      try {
+        result.emplace(call());
+      } catch (const std::bad_alloc&) {
+        thrown = true;
+      }
+      failed = orvix::test::FailingAllocator::Failed();
     }
-    g_untilFailure = 0;
     ASSERT_FALSE(thrown) << "std::bad_alloc escaped at allocation " << n;
-    if (!g_failed) {
+    if (!failed) {
       EXPECT_EQ(Message(*result), expected) << "after " << n - 1 << " allocations";
       return;
     }
