@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Builds and runs the test suite. Usage: scripts/test.sh [debug|asan|tsan] [SUITE]
+# Builds and runs the test suite. Usage: scripts/test.sh [debug|release|asan|tsan] [SUITE]
 # With SUITE (a test executable such as concurrency_tests), only that target is
 # built and only its tests run.
 set -euo pipefail
