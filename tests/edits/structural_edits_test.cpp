@@ -222,6 +222,27 @@ TEST(StructuralEdits, AnElementAddedAgainHidesWhatTheBaseHadBelowAndWiredToIt) {
   EXPECT_TRUE(Finish(root));
 }
 
+// A node taken back with content that stands on the system's own base shows
+// that content: the base reached through the new node is not the old node.
+TEST(StructuralEdits, ANodeTakenBackWithContentOnTheSameBaseShowsItsContent) {
+  MutableRoot b = OpenEmpty();
+  ASSERT_TRUE(AddPortAt(*b._system, "<", "p"));
+  ASSERT_TRUE(b._system->AddChild("n0", AddOperator(), nullptr));
+  const Ref<NodeSystem> base = Finish(b);
+  MutableRoot c = OpenDerived(base);
+  const Ref<NodeSystem> content = Finish(c);
+  MutableRoot root = OpenDerived(base);
+  NodeSystemImpl& d = Impl(root);
+  CapturedOutput output;
+  ASSERT_TRUE(RemoveAt(d, "n0"));
+  ASSERT_TRUE(d.AddChild("n0", content, nullptr));
+  for (const char* path : {"n0<", "n0>", "n0<p"}) EXPECT_TRUE(d.FindByPath(P(path))) << path;
+  EXPECT_FALSE(d.FindByPath(P("n0<a")));  // the old node's port
+  EXPECT_EQ(Tree(d).count("n0<p"), 1u);
+  EXPECT_TRUE(Finish(root));
+  EXPECT_FALSE(output.Contains("Internal error"));
+}
+
 // A base's wire into a nested port that the derived system removes hides
 // nothing: the implicit wire of the port's ancestor reaches the nested port,
 // seen alike from both ends. A base's wire read at a port nested two levels

@@ -57,12 +57,16 @@ FoundNode NodeSystemImpl::_FindPlain(NodePath::Block parts, uint64_t hash, bool 
   return {};
 }
 
-bool NodeSystemImpl::IsRemovedAbove(NodePath::Block parts, const NodeSystemImpl& hit) const {
+bool NodeSystemImpl::IsRemovedAbove(NodePath::Block parts, const NodeSystemImpl& hit,
+                                    size_t hopped) const {
   // A level between this system and the one that gave a hit may have removed
   // an element on the way: a child record without ADDED in a record of that
   // level. A record with ADDED for a child that a lower record of its chain
   // had as well took a removed child back as a new element; what the lower
-  // levels hold below it belongs to the old one.
+  // levels hold below it belongs to the old one. That holds only where the
+  // lookup went on down the chain at the same path: through the first
+  // `hopped` parts it entered nested systems, and a hit there belongs to the
+  // new element's content, even when that content stands on the same base.
   const uint64_t hitLevel = hit._level;
   for (size_t i = 0; i < parts.size(); ++i) {
     const NodePath::Block prefix = parts.first(i);
@@ -76,6 +80,7 @@ bool NodeSystemImpl::IsRemovedAbove(NodePath::Block parts, const NodeSystemImpl&
     while (record && holder && holder->_level > hitLevel) {
       if (const ChildRecord* child = record->children.Find(parts[i])) {
         if (!HasAny(child->flags, CHILD_FLAGS::ADDED)) return true;
+        if (i < hopped) break;
         // Taken back after a removal: a lower record of the chain had the
         // child too, and the hit lies below (the holders below `record` are
         // the baseSystem of each record of its chain).

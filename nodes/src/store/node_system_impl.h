@@ -249,7 +249,10 @@ class NodeSystemImpl final : public NodeSystem {
   // replaced it by a new one: then what `hit` holds there is hidden. Writes
   // the internal-error diagnostic and answers true if a prefix can't be
   // resolved.
-  bool IsRemovedAbove(NodePath::Block parts, const NodeSystemImpl& hit) const;
+  // `hopped` is the number of leading parts that the lookup spent entering
+  // nested systems (the searched path's length less that of the hit's own
+  // path): a child taken back at those parts hides nothing of the hit.
+  bool IsRemovedAbove(NodePath::Block parts, const NodeSystemImpl& hit, size_t hopped = 0) const;
   // The same for a bare block of parts, without making a path.
   FoundNode FindNode(NodePath::Block parts, NODE_KIND kinds = NODE_KIND::ALL_MASK,
                      bool mayBeAbsent = true, bool skipOwn = false) const;
@@ -478,7 +481,8 @@ class NodeSystemImpl final : public NodeSystem {
   // an element on the way to `parts`. Writes the internal-error diagnostic
   // and answers false if a prefix can't be resolved.
   bool _CheckBaseHit(NodePath::Block parts, const FoundNode& hit) const {
-    return !IsRemovedAbove(parts, *hit.system);
+    const size_t own = hit.info->_pathTmpHandle.GetCount();
+    return !IsRemovedAbove(parts, *hit.system, parts.size() > own ? parts.size() - own : 0);
   }
   // True if `holder` is a system that this one keeps alive and that a lookup
   // of `parts` may end in: this system, a base, or a nested system on the
