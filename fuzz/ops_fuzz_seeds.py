@@ -198,12 +198,69 @@ def stale_handles():
     return prog
 
 
+def copy_chain_compact():
+    # Each copy is edited while its source is still held, so every one puts
+    # a layer on the shared map; at depth 6 Compact flattens it.
+    prog = operator(0, ["a"], ["x"])
+    names = ["b", "c", "n0", "n1", "n2", "x"]
+    for k in range(5):
+        prog += op(COPY, k, k + 1)
+        prog += add_port(k + 1, at("<"), names[k])
+        prog += op(SET_VALUE, k + 1, at("<", "a"), 0, value_int(k))
+        prog += op(FINISH, k + 1)
+    prog += op(COPY, 5, 0)
+    prog += add_port(0, at(">"), "b")
+    prog += connect(0, at("<", "a"), at(">", "b"), wire(0, NORMAL))
+    prog += op(REMOVE, 0, at("<", "b"))
+    prog += op(FINISH, 0)
+    # Only a finished system that nobody else holds is compacted.
+    prog += op(COMPACT, 0)
+    prog += op(COPY, 0, 1)
+    prog += op(SET_VALUE, 1, at("<", "a"), 1, value_int(8))
+    prog += op(REMOVE, 1, at("<", "c"))
+    prog += op(FINISH, 1)
+    prog += op(DERIVE, 0, 2, 1)
+    prog += op(REMOVE, 2, at("<", "n0"))
+    prog += op(FINISH, 2)
+    return prog
+
+
+def two_level_nesting():
+    prog = operator(0, ["a"], ["x"])
+    prog += op(NEW, 1)
+    prog += add_port(1, at("<"), "a")
+    prog += add_port(1, at(">"), "x")
+    prog += op(ADD_CHILD, 1, ident("n0"), 0)
+    prog += connect(1, at("<", "a"), at("n0", "<", "a"), wire(0, NORMAL))
+    prog += connect(1, at("n0", ">", "x"), at(">", "x"), wire(0, NORMAL))
+    prog += op(FINISH, 1)
+    prog += op(NEW, 2)
+    prog += op(ADD_CHILD, 2, ident("n1"), 1)
+    prog += op(ADD_CHILD, 2, ident("n2"), 1)
+    prog += connect(2, at("n1", ">", "x"), at("n2", "<", "a"), wire(0, NORMAL))
+    prog += op(SET_VALUE, 2, at("n1", "n0", "<", "a"), 0, value_int(3))
+    prog += op(FINISH, 2)
+    prog += op(DERIVE, 2, 3, 1)
+    prog += op(REMOVE, 3, at("n1"))
+    prog += op(SET_VALUE, 3, at("n2", "n0", "<", "a"), 1, value_int(4))
+    prog += op(RESET_CHILD, 3, ROOT, ident("n1"))
+    prog += op(ERASE_VALUE, 3, at("n1", "n0", "<", "a"), 0)
+    prog += op(FINISH, 3)
+    prog += op(DERIVE, 3, 4, 1)
+    prog += op(RESET_VALUE, 4, at("n1", "n0", "<", "a"), 0)
+    prog += op(TOUCH_VALUE, 4, at("n2", "n0", "<", "a"), 1)
+    prog += op(FINISH, 4)
+    return prog
+
+
 SEEDS = {
     "nested_ports": nested_ports,
     "children_copy_derived": children_copy_derived,
     "removals": removals,
     "nested_wires_in_children": nested_wires_in_children,
     "stale_handles": stale_handles,
+    "copy_chain_compact": copy_chain_compact,
+    "two_level_nesting": two_level_nesting,
 }
 
 
