@@ -127,19 +127,6 @@ bool StartsWith(std::string_view s, std::string_view prefix) {
   return s.substr(0, prefix.size()) == prefix;
 }
 
-// The disagreement of both ends of a wire that a fix elsewhere is taking
-// away: EndModification's consistency check reports it with one of these.
-bool IsKnownWireWalkMessage(std::string_view m) {
-  return StartsWith(m, "Reverse connection from ") || StartsWith(m, "Inconsistent result for wires ");
-}
-
-#ifdef ORVIX_FUZZ_SKIP_KNOWN_WIRE_WALK
-constexpr bool kSkipKnownWireWalk = true;
-#else
-constexpr bool kSkipKnownWireWalk = false;
-#endif
-
-size_t g_knownSkipped = 0;
 
 // --- Vocabularies -------------------------------------------------------
 
@@ -413,23 +400,14 @@ class Run {
     slot.state = Slot::State::OPEN;
   }
 
-  // Puts a finished system in the pool, after the checks of a new one. A
-  // system whose wire ends disagree (the known fault) is given up instead
-  // when the build asks for that.
+  // Puts a finished system in the pool, after the checks of a new one.
   void SetFinished(Slot& slot, Ref<NodeSystem> system, const char* how) {
     Dump dump = TakeDump(*system, true);
     FUZZ_CHECK(system->IsFinalized(), std::string("a system ") + how + " is not finalized");
     const std::string disagreement = WireEndsDisagree(dump);
     if (!disagreement.empty()) {
-      if (!kSkipKnownWireWalk) {
-        Fail(std::string("both ends of a wire of a system ") + how +
-             " must agree (known fault of the connection walk): " + disagreement + "\n" +
-             dump.text);
-      }
-      ++g_knownSkipped;
-      Trace(" [known wire-walk disagreement, system given up: %s]", disagreement.c_str());
-      Drop(slot);
-      return;
+      Fail(std::string("both ends of a wire of a system ") + how + " must agree: " +
+           disagreement + "\n" + dump.text);
     }
     Drop(slot);
     slot.finished = std::move(system);
@@ -664,16 +642,9 @@ class Run {
     Trace(" end(%u): %s", unsigned(flags), Message(ended).c_str());
     if (!ended) {
       const std::string m = Message(ended);
-      if (IsKnownWireWalkMessage(m)) {
-        if (!kSkipKnownWireWalk) {
-          Fail("EndModification found a wire whose ends disagree (known fault of the connection "
-               "walk): " + m);
-        }
-        ++g_knownSkipped;
-        Trace(" [known wire-walk disagreement, system given up]");
-        Drop(slot);
-        return;
-      }
+      FUZZ_CHECK(!StartsWith(m, "Reverse connection from ") &&
+                     !StartsWith(m, "Inconsistent result for wires "),
+                 "EndModification found a wire whose ends disagree: " + m);
       // The system stays under modification with what the edits did.
       slot.openDump.reset();
       return;

@@ -16,6 +16,8 @@
 #include <utility>
 #include <vector>
 
+#include <fmt/format.h>
+
 #include "edits_test_support.h"
 #include "failing_allocator.h"
 #include "orvix/host/data.h"
@@ -193,7 +195,7 @@ Outcome RunBody(const Ref<NodeSystem>& op, bool derived, uint64_t failAt, std::s
     if (!unmarked.empty() || !consistent) {
       broken = true;
       ADD_FAILURE() << name << " failing at allocation " << failAt << " left "
-                    << (unmarked.empty() ? "" : "unmarked " + unmarked.front() + " ")
+                    << (unmarked.empty() ? std::string() : fmt::format("unmarked {} ", unmarked.front()))
                     << Message(consistent);
     }
     break;

@@ -8,6 +8,8 @@
 
 #include <vector>
 
+#include <fmt/format.h>
+
 #include "edits_test_support.h"
 #include "orvix/host/data.h"
 
@@ -36,7 +38,7 @@ TEST(HandleTrust, AHandleOfASystemOutsideTheChainIsLookedUpAgain) {
   GNode foreign;
   {
     MutableRoot edit = Open(s);
-    for (int i = 0; i < 8; ++i) ASSERT_TRUE(AddPortAt(*edit._system, ">", "n" + std::to_string(i)));
+    for (int i = 0; i < 8; ++i) ASSERT_TRUE(AddPortAt(*edit._system, ">", fmt::format("n{}", i)));
     s = Finish(edit);
     foreign = s->FindByPath(P(">n2"));
     ASSERT_TRUE(foreign);
@@ -119,7 +121,7 @@ TEST(HandleTrust, AHandleOutlivesItsSystemEvenWhenAnotherTakesItsPlace) {
   for (int round = 0; round < 16 && !reused; ++round) {
     Ref<NodeSystem> old = WithPortA();
     MutableRoot edit = Open(old);
-    for (int i = 0; i < 40; ++i) ASSERT_TRUE(AddPortAt(*edit._system, ">", "o" + std::to_string(i)));
+    for (int i = 0; i < 40; ++i) ASSERT_TRUE(AddPortAt(*edit._system, ">", fmt::format("o{}", i)));
     old = Finish(edit);
     const GNode stale = old->FindByPath(P(">o7"));
     const NodeSystem* address = old.Get();
