@@ -15,40 +15,72 @@
 namespace orvix::nodes::test {
 namespace {
 
-// Random inserts, bulk appends, erasures and const searches against an
-// ordered map. A const search never sorts: a frozen table is read by many
-// threads, so an appended tail is scanned.
+// Random inserts (sorted, or left unsorted past the size that allows it),
+// bulk appends, erasures, copies and const searches against an ordered map,
+// over more ids than a table keeps sorted on every insert. Whatever state the
+// table is in, a search finds exactly the model's records, and a sort lists
+// them in id order.
 TEST(SortedTable, RandomEditsAgreeWithAnOrderedMap) {
   std::mt19937_64 random(7);
   SortedTable<ChildRecord> table;
-  const SortedTable<ChildRecord>& frozen = table;
   std::map<std::string, CHILD_FLAGS> model;
-  for (int step = 0; step < 3000; ++step) {
-    const std::string name = "c" + std::to_string(random() % 60);
+  bool wentUnsorted = false;
+  for (int step = 0; step < 20000; ++step) {
+    const std::string name = "c" + std::to_string(random() % 300);
     const InternedId id = Id(name);
     const CHILD_FLAGS flags = CHILD_FLAGS(random() % 4);
-    const int op = int(random() % 4);
+    const int op = int(random() % 16);
     if (op == 0 && !model.contains(name)) {
       table.Append({id, flags});
       model[name] = flags;
-    } else if (op <= 1) {
+    } else if (op <= 7) {
       bool inserted = false;
-      table.FindOrInsert(id, &inserted).flags = flags;
+      table.FindOrInsert(id, &inserted, op % 2 == 0).flags = flags;
       EXPECT_EQ(inserted, !model.contains(name));
       model[name] = flags;
-    } else if (op == 2) {
+    } else if (op <= 9) {
       EXPECT_EQ(table.Erase(id), model.erase(name) == 1);
+    } else if (op == 10) {
+      ChildRecord* r = table.FindForWriting(id);
+      ASSERT_EQ(r != nullptr, model.contains(name));
+      if (r) r->flags = model[name] = flags;
+    } else if (op == 11 && step % 50 == 0) {
+      SortedTable<ChildRecord> copy(table);  // a copy keeps the state and finds the same
+      table = std::move(copy);
     } else {
+      const SortedTable<ChildRecord>& frozen = table;
       const ChildRecord* r = frozen.Find(id);
       ASSERT_EQ(r != nullptr, model.contains(name));
       EXPECT_TRUE(!r || r->flags == model[name]) << name;
     }
+    wentUnsorted = wentUnsorted || !table.IsSorted();
+    ASSERT_EQ(table.GetCount(), model.size());
   }
+  EXPECT_TRUE(wentUnsorted);
   table.Sort();
   Strings ids, expected;
   for (const ChildRecord& r : table) ids.emplace_back(r.id.GetString());
   for (const auto& [name, flags] : model) expected.push_back(name);
   EXPECT_EQ(ids, expected);  // std::map orders bytewise, as strcmp does
+}
+
+// A large table takes inserts at its end and stays unsorted until sorted; a
+// small one, and any insert that doesn't allow it, keeps the order.
+TEST(SortedTable, OnlyALargeTableGoesUnsortedAndOnlyWhenAsked) {
+  SortedTable<ChildRecord> table;
+  const size_t small = SortedTable<ChildRecord>::UNSORTED_MIN;
+  for (size_t i = small; i > 0; --i) table.FindOrInsert(Id("s" + std::to_string(1000 + i)), nullptr, true);
+  EXPECT_TRUE(table.IsSorted());  // below the size: inserted at its place
+  table.FindOrInsert(Id("s0999"), nullptr, false);
+  EXPECT_TRUE(table.IsSorted());  // not asked
+  table.FindOrInsert(Id("s2000"), nullptr, true);
+  EXPECT_TRUE(table.IsSorted());  // after the last one: an append keeps the order
+  table.FindOrInsert(Id("s0998"), nullptr, true);
+  EXPECT_FALSE(table.IsSorted());
+  EXPECT_EQ(table[table.GetCount() - 1].id, Id("s0998"));
+  table.FindOrInsert(Id("s0997"), nullptr, false);  // not asked: sorts first
+  EXPECT_TRUE(table.IsSorted());
+  EXPECT_EQ(table[0].id, Id("s0997"));
 }
 
 Strings Listing(const ConnectionTable& table) {
@@ -83,6 +115,47 @@ TEST(ConnectionTable, ListingIgnoresInsertionOrderAndErasingLeavesTheRestInPlace
   EXPECT_EQ(table.Find(key(3)), stable);  // entries don't move
   for (size_t i = 0; i < order.size(); ++i) {
     EXPECT_EQ(table.Find(key(i)) != nullptr, i % 2 == 1) << i;
+  }
+}
+
+// Tables of zero, one and a few entries (the one-entry form without buckets,
+// and the change to buckets and back) against an ordered map; a copy lists
+// alike, and so do two tables that received the same keys in other orders.
+TEST(ConnectionTable, RandomEditsOfSmallTablesAgreeWithAMap) {
+  std::mt19937_64 random(23);
+  auto key = [](uint64_t i) {
+    return ConnectionKey::Make(P("n" + std::to_string(i) + "<in"), CONNECTION_TYPE(i % 2),
+                               CONNECTION_DIRECTION::TARGET);
+  };
+  for (int round = 0; round < 200; ++round) {
+    ConnectionTable table;
+    std::map<uint64_t, uint64_t> model;
+    for (int step = 0; step < 40; ++step) {
+      const uint64_t k = random() % 7;
+      if (random() % 3 == 0) {
+        EXPECT_EQ(table.Erase(key(k)), model.erase(k) == 1);
+      } else {
+        ASSERT_TRUE(table.Set(key(k), ConnectionData{Wires(step + 1), nullptr}));
+        model[k] = uint64_t(step + 1);
+      }
+      ASSERT_EQ(table.GetCount(), model.size());
+      for (uint64_t i = 0; i < 7; ++i) {
+        const ConnectionData* found = table.Find(key(i));
+        ASSERT_EQ(found != nullptr, model.contains(i));
+        if (found) {
+          EXPECT_EQ(found->wires.GetValue(), model[i]);
+        }
+      }
+      ConnectionTable copy(table), inOrder, reversed;
+      for (const auto& [k, wires] : model) {
+        ASSERT_TRUE(inOrder.Set(key(k), ConnectionData{Wires(wires), nullptr}));
+      }
+      for (auto it = model.rbegin(); it != model.rend(); ++it) {
+        ASSERT_TRUE(reversed.Set(key(it->first), ConnectionData{Wires(it->second), nullptr}));
+      }
+      EXPECT_EQ(Listing(copy), Listing(table));
+      EXPECT_EQ(Listing(reversed), Listing(inOrder));
+    }
   }
 }
 

@@ -115,8 +115,9 @@ const Data* NodeSystemImpl::GetStoredValue(const NodeInfo* record, const NodeSys
 
 Result<const Data*> NodeSystemImpl::GetValue(const GNode& node, InternedId id,
                                              int64_t* prefixCount, bool ownOnly) const {
-  GNode handle = node;
-  ORVIX_TRY(Resolve(handle));
+  GNode scratch;
+  ORVIX_TRY_ASSIGN(const GNode* current, Current(node, scratch));
+  const GNode& handle = *current;
   if (_attribSetup && _stages && _stages->readRule) {
     ORVIX_TRY_ASSIGN(std::optional<const Data*> ruled, _stages->readRule(*this, handle, id));
     if (ruled) {

@@ -40,6 +40,16 @@ Result<InternedId> InternIdOrNull(std::string_view text) {
 bool IsPortListPart(InternedId id) {
   return id == NodePath::GetInputsId() || id == NodePath::GetOutputsId();
 }
+
+// Interned once: every add of a node asks for them.
+InternedId NodeSystemPortId() {
+  static const InternedId id = InternedId::Get(NODE_SYSTEM_PORT_ID);
+  return id;
+}
+InternedId CheckUniqueNumberId() {
+  static const InternedId id = InternedId::Get(CHECK_UNIQUE_NUMBER_ID);
+  return id;
+}
 }  // namespace
 
 Result<GNode> NodeSystemImpl::AddChildRecord(GNode& parent, NODE_KIND kind, InternedId id,
@@ -61,7 +71,18 @@ Result<GNode> NodeSystemImpl::AddChildRecord(GNode& parent, NODE_KIND kind, Inte
   bool isNew = false;
   ChildRecord* record = nullptr;
   try {
-    record = &parentInfo->children.FindOrInsert(id, &isNew);
+    // A large table takes the child at its end; the end of the modification
+    // sorts it, or the table is sorted at once if it can't be listed for that.
+    const bool wasSorted = parentInfo->children.IsSorted();
+    record = &parentInfo->children.FindOrInsert(id, &isNew, true);
+    if (wasSorted && !parentInfo->children.IsSorted()) {
+      try {
+        _unsortedChildTables.push_back(parent.path);
+      } catch (const std::bad_alloc&) {
+        parentInfo->children.Sort();
+        record = parentInfo->children.FindForWriting(id);
+      }
+    }
   } catch (const std::bad_alloc&) {
     return OutOfMemoryError();
   }
@@ -81,13 +102,15 @@ Result<GNode> NodeSystemImpl::AddChildRecord(GNode& parent, NODE_KIND kind, Inte
   }
   CHILD_FLAGS childFlags = CHILD_FLAGS::ADDED;
   if (HasAny(flags, GFI::DERIVED_PORT_MASK) || HasAny(kind, NODE_KIND::PORTLIST_MASK) ||
-      id.GetString() == NODE_SYSTEM_PORT_ID) {
+      id == NodeSystemPortId()) {
     childFlags |= CHILD_FLAGS::SYNTHETIC;
   }
   // SetModified may have moved nothing, but the table is the parent's own:
   // look the record up again rather than trust the reference across a call.
   record = parentInfo->children.FindForWriting(id);
   record->flags = childFlags;
+  // Over a record that hid a base's child, the add takes the child back.
+  if (!isNew) _NoteHidingChildRecord();
 
   GNode child(std::move(path), base.info, base.system, base.stamp);
   Result<NodeInfo*> made = GetMutable(child, kind);
@@ -124,6 +147,7 @@ void NodeSystemImpl::TakeBackAdd(GNode& parent, InternedId id, bool inserted) no
     } else if (ChildRecord* r = parentInfo->children.FindForWriting(id)) {
       // The child record was one that hid a base's child; it hides it again.
       r->flags = CHILD_FLAGS::NONE;
+      _NoteHidingChildRecord();
     }
   }
   NoteRemoval();
@@ -235,6 +259,7 @@ Result<GNode> NodeSystemImpl::AddNode(InternedId id, Ref<NodeSystem> system,
   }
   NodeRecord* record = node.info->AsNode();
   record->_nestedSystem = system;
+  _mayHideBelow = _mayHideBelow || content->_mayHideBelow;
   record->_nestedData = std::move(companion);
   record->flags |= GFI::DIRECT_INSTANCE;
 
@@ -249,27 +274,33 @@ Result<void> NodeSystemImpl::_MarkNewNodeAndTakeItsLoops(GNode& node, const Node
                                                          std::vector<NodePath>& made,
                                                          std::vector<NodePath>& loopKeys) {
   try {
-    const InternedId nodeSystemPort = InternedId::Get(NODE_SYSTEM_PORT_ID);
+    // The new node's ports are its content's: walk the content's port lists
+    // and mark each port here, with the content's record as its base, as a
+    // lookup of the port's path here would find it (the node is new, so this
+    // system holds nothing below it).
     std::vector<InternedId> ports;
-    for (const PORT_DIR direction : {PORT_DIR::INPUT, PORT_DIR::OUTPUT}) {
-      ORVIX_TRY_ASSIGN(GNode list, GetPortList(node, direction));
+    for (const InternedId listId : {NodePath::GetInputsId(), NodePath::GetOutputsId()}) {
+      const FoundNode list = content.FindNode(NodePath::Block(&listId, 1));
       if (!list) continue;
       ChildIterator it;
-      StartChildren(it, list);
+      StartChildren(it, GNode(NodePath(), list.info, list.system));
       ports.clear();
       for (InternedId port = NextChildId(it); port.IsPopulated(); port = NextChildId(it)) {
-        if (!(port == nodeSystemPort)) ports.push_back(port);
+        if (!(port == NodeSystemPortId())) ports.push_back(port);
       }
       made.reserve(made.size() + ports.size());
       for (const InternedId port : ports) {
-        ORVIX_TRY_ASSIGN(NodePath portPath, list.path.Append(port));
-        GNode handle = MakeHandle(portPath);
-        made.push_back(portPath);
+        const InternedId inContent[] = {listId, port};
+        const FoundNode found = content.FindNode(NodePath::Block(inContent));
+        if (!found) continue;
+        ORVIX_TRY_ASSIGN(NodePath portPath, node.path.AppendBlock(inContent));
+        GNode handle(portPath, found.info, found.system);
+        made.push_back(std::move(portPath));
         ORVIX_TRY(SetModified(handle, NEW_NODE_PORT_BITS));
       }
     }
     if (publicCall) {
-      ORVIX_TRY(SetValue(node, InternedId::Get(CHECK_UNIQUE_NUMBER_ID),
+      ORVIX_TRY(SetValue(node, CheckUniqueNumberId(),
                          Data(CHECK_UNIQUE_NUMBER_PENDING), nullptr));
     }
     // The loop records of the content now live below the node.

@@ -12,6 +12,9 @@
 namespace orvix::nodes {
 
 void NodeSystemImpl::StartChildren(ChildIterator& iterator, const GNode& parent) {
+  // The walk goes in id order. Only a table of the system under modification
+  // can be unsorted, and only its owner reads that system.
+  if (parent.info && !parent.info->children.IsSorted()) parent.info->children.Sort();
   iterator.parent = parent;
   iterator.own = parent.info;
   iterator.current = parent.info;

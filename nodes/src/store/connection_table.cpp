@@ -20,12 +20,19 @@ bool KeyLess(uint64_t hashA, const ConnectionKey& a, uint64_t hashB, const Conne
 
 ConnectionTable::ConnectionTable(const ConnectionTable& other) {
   if (other._count == 0) return;
-  _buckets.assign(other._buckets.size(), nullptr);
-  _usedBuckets.reserve(other._usedBuckets.size());
   try {
+    // As many buckets as the source, so that the copy lists alike.
+    if (other._bucketCount != 0) {
+      _buckets = new Entry*[other._bucketCount]();
+      _bucketCount = other._bucketCount;
+    }
     other.ForEach([&](const ConnectionKey& key, const ConnectionData& data) {
       Entry* e = new Entry{key.GetHashCode(), key, data, nullptr};
-      _Link(e);
+      if (_bucketCount == 0) {
+        _single = e;
+      } else {
+        _Link(e);
+      }
       ++_count;
       return true;
     });
@@ -44,21 +51,16 @@ ConnectionTable& ConnectionTable::operator=(const ConnectionTable& other) {
 }
 
 ConnectionTable::ConnectionTable(ConnectionTable&& other) noexcept
-    : _buckets(std::move(other._buckets)),
-      _usedBuckets(std::move(other._usedBuckets)),
-      _count(std::exchange(other._count, 0)) {
-  other._buckets.clear();
-  other._usedBuckets.clear();
+    : _bucketCount(std::exchange(other._bucketCount, 0)), _count(std::exchange(other._count, 0)) {
+  _single = std::exchange(other._single, nullptr);
 }
 
 ConnectionTable& ConnectionTable::operator=(ConnectionTable&& other) noexcept {
   if (this != &other) {
     Clear();
-    _buckets = std::move(other._buckets);
-    _usedBuckets = std::move(other._usedBuckets);
+    _single = std::exchange(other._single, nullptr);
+    _bucketCount = std::exchange(other._bucketCount, 0);
     _count = std::exchange(other._count, 0);
-    other._buckets.clear();
-    other._usedBuckets.clear();
   }
   return *this;
 }
@@ -68,12 +70,14 @@ ConnectionTable::~ConnectionTable() {
 }
 
 size_t ConnectionTable::_BucketOf(uint64_t hash) const noexcept {
-  return size_t(MixHash(hash)) & (_buckets.size() - 1);
+  return size_t(MixHash(hash)) & (_bucketCount - 1);
 }
 
 const ConnectionTable::Entry* ConnectionTable::_FindEntry(const ConnectionKey& key,
                                                           uint64_t hash) const noexcept {
-  if (_buckets.empty()) return nullptr;
+  if (_bucketCount == 0) {
+    return (_single && _single->hash == hash && _single->key == key) ? _single : nullptr;
+  }
   for (const Entry* e = _buckets[_BucketOf(hash)]; e; e = e->next) {
     if (e->hash == hash && e->key == key) return e;
   }
@@ -81,6 +85,7 @@ const ConnectionTable::Entry* ConnectionTable::_FindEntry(const ConnectionKey& k
 }
 
 const ConnectionData* ConnectionTable::Find(const ConnectionKey& key) const noexcept {
+  if (_count == 0) return nullptr;
   const Entry* e = _FindEntry(key, key.GetHashCode());
   return e ? &e->data : nullptr;
 }
@@ -89,44 +94,30 @@ ConnectionData* ConnectionTable::Find(const ConnectionKey& key) noexcept {
   return const_cast<ConnectionData*>(std::as_const(*this).Find(key));
 }
 
-void ConnectionTable::_AddUsedBucket(uint32_t bucket) {
-  auto at = std::lower_bound(_usedBuckets.begin(), _usedBuckets.end(), bucket);
-  if (at == _usedBuckets.end() || *at != bucket) _usedBuckets.insert(at, bucket);
-}
-
-void ConnectionTable::_RemoveUsedBucket(uint32_t bucket) noexcept {
-  auto at = std::lower_bound(_usedBuckets.begin(), _usedBuckets.end(), bucket);
-  if (at != _usedBuckets.end() && *at == bucket) _usedBuckets.erase(at);
-}
-
-void ConnectionTable::_Link(Entry* entry) {
-  const uint32_t bucket = uint32_t(_BucketOf(entry->hash));
-  Entry** link = &_buckets[bucket];
+void ConnectionTable::_Link(Entry* entry) noexcept {
+  Entry** link = &_buckets[_BucketOf(entry->hash)];
   while (*link && KeyLess((*link)->hash, (*link)->key, entry->hash, entry->key)) {
     link = &(*link)->next;
-  }
-  if (!_buckets[bucket]) {
-    // Capacity for every bucket was reserved, so this insert can't throw.
-    _AddUsedBucket(bucket);
   }
   entry->next = *link;
   *link = entry;
 }
 
 void ConnectionTable::_Reserve(size_t count) {
+  if (count <= 1 && _bucketCount == 0) return;
   // Maximal load factor 0.65.
-  size_t size = _buckets.empty() ? INITIAL_BUCKETS : _buckets.size();
+  size_t size = _bucketCount == 0 ? INITIAL_BUCKETS : _bucketCount;
   while (count * 100 > size * 65) size *= 2;
-  if (size == _buckets.size()) return;
-  std::vector<Entry*> buckets(size, nullptr);
-  std::vector<uint32_t> used;
-  used.reserve(size);
-  // Nothing below can throw: take the chains over.
-  std::vector<Entry*> old;
-  old.swap(_buckets);
-  _buckets.swap(buckets);
-  _usedBuckets.swap(used);
-  for (uint32_t bucket : used) {
+  if (size == _bucketCount) return;
+  Entry** buckets = new Entry*[size]();
+  // Nothing below can throw: take the entries over.
+  Entry* single = _bucketCount == 0 ? _single : nullptr;
+  Entry** old = _bucketCount == 0 ? nullptr : _buckets;
+  const uint32_t oldCount = _bucketCount;
+  _buckets = buckets;
+  _bucketCount = uint32_t(size);
+  if (single) _Link(single);
+  for (uint32_t bucket = 0; bucket < oldCount; ++bucket) {
     Entry* e = old[bucket];
     while (e) {
       Entry* next = e->next;
@@ -134,19 +125,28 @@ void ConnectionTable::_Reserve(size_t count) {
       e = next;
     }
   }
+  delete[] old;
 }
 
 Result<ConnectionData*> ConnectionTable::FindOrInsert(const ConnectionKey& key, bool* inserted) {
   const uint64_t hash = key.GetHashCode();
-  if (const Entry* e = _FindEntry(key, hash)) {
+  if (const Entry* e = _count == 0 ? nullptr : _FindEntry(key, hash)) {
     if (inserted) *inserted = false;
     return &const_cast<Entry*>(e)->data;
   }
   try {
-    _Reserve(_count + 1);
-    if (_usedBuckets.capacity() < _buckets.size()) _usedBuckets.reserve(_buckets.size());
     Entry* e = new Entry{hash, key, ConnectionData{}, nullptr};
-    _Link(e);
+    try {
+      _Reserve(size_t(_count) + 1);
+    } catch (...) {
+      delete e;
+      throw;
+    }
+    if (_bucketCount == 0) {
+      _single = e;
+    } else {
+      _Link(e);
+    }
     ++_count;
     if (inserted) *inserted = true;
     return &e->data;
@@ -162,16 +162,20 @@ Result<void> ConnectionTable::Set(const ConnectionKey& key, ConnectionData data)
 }
 
 bool ConnectionTable::Erase(const ConnectionKey& key) noexcept {
-  if (_buckets.empty()) return false;
+  if (_count == 0) return false;
   const uint64_t hash = key.GetHashCode();
-  const uint32_t bucket = uint32_t(_BucketOf(hash));
-  for (Entry** link = &_buckets[bucket]; *link; link = &(*link)->next) {
+  if (_bucketCount == 0) {
+    if (!(_single->hash == hash && _single->key == key)) return false;
+    delete std::exchange(_single, nullptr);
+    _count = 0;
+    return true;
+  }
+  for (Entry** link = &_buckets[_BucketOf(hash)]; *link; link = &(*link)->next) {
     Entry* e = *link;
     if (e->hash == hash && e->key == key) {
       *link = e->next;
       delete e;
-      --_count;
-      if (!_buckets[bucket]) _RemoveUsedBucket(bucket);
+      if (--_count == 0) Clear();
       return true;
     }
   }
@@ -179,22 +183,26 @@ bool ConnectionTable::Erase(const ConnectionKey& key) noexcept {
 }
 
 void ConnectionTable::Clear() noexcept {
-  for (uint32_t bucket : _usedBuckets) {
-    Entry* e = _buckets[bucket];
-    while (e) {
-      Entry* next = e->next;
-      delete e;
-      e = next;
+  if (_bucketCount == 0) {
+    delete std::exchange(_single, nullptr);
+  } else {
+    for (uint32_t bucket = 0; bucket < _bucketCount; ++bucket) {
+      Entry* e = _buckets[bucket];
+      while (e) {
+        Entry* next = e->next;
+        delete e;
+        e = next;
+      }
     }
+    delete[] _buckets;
+    _single = nullptr;
+    _bucketCount = 0;
   }
-  _buckets.clear();
-  _usedBuckets.clear();
   _count = 0;
 }
 
 size_t ConnectionTable::GetHeapBytes() const noexcept {
-  return _buckets.capacity() * sizeof(Entry*) + _usedBuckets.capacity() * sizeof(uint32_t) +
-         _count * sizeof(Entry);
+  return _bucketCount * sizeof(Entry*) + _count * sizeof(Entry);
 }
 
 }  // namespace orvix::nodes

@@ -2,10 +2,15 @@
 // ConnectionTable: a port's connections, from ConnectionKey to ConnectionData.
 //
 // A chained hash table whose iteration order depends only on the keys it
-// holds, not on the order in which they came: iteration walks a sorted list of
-// the buckets in use, and each chain is kept in key order. Two ports that hold
-// the same connections therefore list them alike, which keeps dumps, change
-// lists and tests deterministic. Entries don't move when the table grows.
+// holds, not on the order in which they came: iteration goes through the
+// buckets in index order, and each chain is kept in key order. Two ports that
+// hold the same connections therefore list them alike, which keeps dumps,
+// change lists and tests deterministic. Entries don't move when the table
+// grows.
+//
+// Most ports have no connection or one, so the table object is two words: a
+// table of one entry points at it directly, and only a second entry brings the
+// bucket array.
 
 #include <cstddef>
 #include <cstdint>
@@ -48,7 +53,11 @@ class ConnectionTable {
   // table must not change during the walk.
   template <typename Callback>
   bool ForEach(Callback&& callback) const {
-    for (uint32_t bucket : _usedBuckets) {
+    if (_bucketCount == 0) {
+      return !_single || callback(static_cast<const ConnectionKey&>(_single->key),
+                                  static_cast<const ConnectionData&>(_single->data));
+    }
+    for (uint32_t bucket = 0; bucket < _bucketCount; ++bucket) {
       for (const Entry* e = _buckets[bucket]; e; e = e->next) {
         if (!callback(static_cast<const ConnectionKey&>(e->key),
                       static_cast<const ConnectionData&>(e->data))) {
@@ -70,21 +79,24 @@ class ConnectionTable {
     Entry* next = nullptr;
   };
 
-  static constexpr size_t INITIAL_BUCKETS = 8;
+  static constexpr uint32_t INITIAL_BUCKETS = 8;
 
   size_t _BucketOf(uint64_t hash) const noexcept;
   const Entry* _FindEntry(const ConnectionKey& key, uint64_t hash) const noexcept;
-  // Links `entry` into its chain at its ordered place.
-  void _Link(Entry* entry);
-  // Makes room for one more entry; throws std::bad_alloc before changing
+  // Links `entry` into its chain at its ordered place; the table has buckets.
+  void _Link(Entry* entry) noexcept;
+  // Makes room for `count` entries; throws std::bad_alloc before changing
   // anything.
   void _Reserve(size_t count);
-  void _AddUsedBucket(uint32_t bucket);
-  void _RemoveUsedBucket(uint32_t bucket) noexcept;
 
-  std::vector<Entry*> _buckets;
-  std::vector<uint32_t> _usedBuckets;  // ascending
-  size_t _count = 0;
+  // With no bucket array (`_bucketCount` 0) the one entry, or null; otherwise
+  // the bucket array.
+  union {
+    Entry* _single = nullptr;
+    Entry** _buckets;
+  };
+  uint32_t _bucketCount = 0;
+  uint32_t _count = 0;
 };
 
 }  // namespace orvix::nodes

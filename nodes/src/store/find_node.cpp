@@ -67,6 +67,7 @@ bool NodeSystemImpl::IsRemovedAbove(NodePath::Block parts, const NodeSystemImpl&
   // lookup went on down the chain at the same path: through the first
   // `hopped` parts it entered nested systems, and a hit there belongs to the
   // new element's content, even when that content stands on the same base.
+  if (!_mayHideBelow) return false;
   const uint64_t hitLevel = hit._level;
   for (size_t i = 0; i < parts.size(); ++i) {
     const NodePath::Block prefix = parts.first(i);

@@ -124,6 +124,7 @@ Result<void> NodeSystemImpl::EndModification(ChangeList* changeList, FINALIZE_FL
     ORVIX_TRY(Validate(changeList));
   }
   ORVIX_TRY(PurgeGarbage());
+  _SortChildTables();
   _mutable = false;
   _retiredTables.clear();
   if (g_testGetConnections.Get()) ORVIX_TRY(CheckConnectionConsistency());

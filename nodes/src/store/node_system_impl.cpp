@@ -94,6 +94,7 @@ Result<Ref<NodeSystemImpl>> NodeSystemImpl::CreateDerived(Ref<NodeSystemImpl> ba
     return OutOfMemoryError();
   }
   system->_level = base->_level + 1;
+  system->_mayHideBelow = base->_mayHideBelow;
   // Above every stamp of the base, so that a handle the base made is looked
   // up again here rather than taken as this system's.
   system->_createdStamp =
@@ -165,6 +166,7 @@ Result<void> NodeSystemImpl::CopyFrom(const NodeSystemImpl& source) {
   _connectionStamp = source._connectionStamp;
   _completeStamp = source._completeStamp;
   _level = source._level;
+  _mayHideBelow = source._mayHideBelow;
   _attribValidationCount = source._attribValidationCount;
   _firstModified = g_modifiedListEnd;
   _loadContext.Reset();
@@ -273,10 +275,20 @@ Result<void> NodeSystemImpl::SetChildRecord(NodeInfo* parent, InternedId id, CHI
   ORVIX_CHECK_ARGUMENT(parent);
   try {
     parent->children.FindOrInsert(id, inserted).flags = flags;
+    if (!HasAny(flags, CHILD_FLAGS::ADDED)) _NoteHidingChildRecord();
   } catch (const std::bad_alloc&) {
     return OutOfMemoryError();
   }
   return Ok();
+}
+
+void NodeSystemImpl::_SortChildTables() noexcept {
+  if (_nodes) {
+    for (const NodePath& path : _unsortedChildTables) {
+      if (NodeInfo* info = _nodes->Find(path)) info->children.Sort();
+    }
+  }
+  _unsortedChildTables.clear();
 }
 
 bool NodeSystemImpl::EraseChildRecord(NodeInfo* parent, InternedId id) {

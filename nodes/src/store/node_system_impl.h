@@ -266,6 +266,16 @@ class NodeSystemImpl final : public NodeSystem {
   //   "Node with path @ doesn't exist any longer." for one whose element is gone.
   Result<NodeInfo*> Resolve(GNode& handle) const;
 
+  // The current form of `node` for a read: `node` itself when it names one of
+  // this system's records at the current stamp, which copies nothing (a copy
+  // of a handle counts a reference of its path); otherwise `scratch`, made
+  // from it and resolved. Fails as Resolve does.
+  Result<const GNode*> Current(const GNode& node, GNode& scratch) const {
+    if (node.info && node.system == this && node.stamp >= _movedStamp && _nodes) return &node;
+    scratch = node;
+    ORVIX_TRY(Resolve(scratch));
+    return &scratch;
+  }
   // The handle of `path` as FindNode resolves it; an empty handle if none.
   GNode MakeResolvedHandle(const NodePath& path) const;
 
@@ -468,6 +478,16 @@ class NodeSystemImpl final : public NodeSystem {
   uint64_t _attribValidationCount = 0;
   GNODE_FLAGS_IMPL _systemFlags = GNODE_FLAGS_IMPL::NONE;
   bool _mutable = false;
+  // False while no system that this one reaches (itself, its bases, the
+  // nested systems of its nodes, and theirs) holds a child record that hides
+  // or takes back an element of a lower level. Lookups then trust a hit in
+  // another system without IsRemovedAbove's walk over every prefix. Set by
+  // every write of such a record and taken over from a source, a base or a
+  // node's content; never cleared, so it may be true when nothing hides.
+  bool _mayHideBelow = false;
+  // The elements whose child tables adds of this modification left unsorted;
+  // the end of the modification sorts them.
+  std::vector<NodePath> _unsortedChildTables;
   // Set while the class's FinalizeModification runs; an EndModification then
   // is refused.
   bool _finalizing = false;
@@ -554,6 +574,12 @@ class NodeSystemImpl final : public NodeSystem {
   // The marks of a parent that loses a child, and then its stamps.
   Result<void> _MarkChildRemoved(GNode& parent);
   void _NoteChildRemoved(NodeInfo& parent) noexcept;
+  // Sorts every child table that an add left unsorted (see SortedTable),
+  // before others may read the records; allocates nothing.
+  void _SortChildTables() noexcept;
+  // Notes that this system now holds a child record that hides or takes back
+  // an element of a lower level (see _mayHideBelow).
+  void _NoteHidingChildRecord() noexcept { _mayHideBelow = true; }
   // Links `info` at the front of the system's modified list unless it is on
   // a list.
   void _LinkModified(NodeInfo* info) noexcept;

@@ -148,6 +148,7 @@ void NodeSystemImpl::_NoteChildRemoved(NodeInfo& parent) noexcept {
   ++_modificationStamp;
   parent._childRemovedStamp = _modificationStamp;
   _structureStamp = _modificationStamp;
+  _NoteHidingChildRecord();
 }
 
 Result<void> NodeSystemImpl::RemoveImpl(const GNode& node, ChangeList* changeList, bool derived) {
@@ -263,6 +264,7 @@ Result<void> NodeSystemImpl::ResetChild(const GNode& parent, InternedId id,
   if (marked) return Ok();
   if (Resolve(owner)) {
     owner.info->children.FindOrInsert(id).flags = oldFlags & ~CHILD_FLAGS::ADDED;  // room made above
+    _NoteHidingChildRecord();
     NoteRemoval();
   }
   return marked;
