@@ -29,6 +29,14 @@ uint64_t HashText(std::string_view s) {
   return MixHash(h ^ tail ^ (uint64_t(s.size() - i) << 56));
 }
 
+uint64_t OrderKey(std::string_view s) {
+  uint64_t key = 0;
+  for (size_t i = 0; i < 8; ++i) {
+    key = key << 8 | (i < s.size() ? static_cast<unsigned char>(s[i]) : 0u);
+  }
+  return key;
+}
+
 // Sharded so that threads interning different ids rarely meet on one lock;
 // lookups of ids that exist take a shared lock only.
 constexpr size_t SHARD_COUNT = 64;
@@ -64,7 +72,7 @@ Result<InternedId> InternedId::Create(std::string_view text) {
     auto it = shard.map.find(text);
     if (it != shard.map.end()) return InternedId(it->second);
     auto entry = std::make_unique<detail::InternedEntry>(
-        detail::InternedEntry{h | RESERVED_HASH_BIT, std::string(text)});
+        detail::InternedEntry{h | RESERVED_HASH_BIT, OrderKey(text), std::string(text)});
     const detail::InternedEntry* raw = entry.get();
     shard.map.emplace(std::string_view(raw->text), raw);
     entry.release();
@@ -88,13 +96,10 @@ InternedId InternedId::Find(std::string_view text) {
   return it == shard.map.end() ? InternedId() : InternedId(it->second);
 }
 
-int InternedId::CompareText(InternedId a, InternedId b) {
-  if (a._entry == b._entry) return 0;
-  if (!a._entry) return -1;
-  if (!b._entry) return 1;
+int InternedId::CompareWholeText(const detail::InternedEntry* a, const detail::InternedEntry* b) {
   // Bytewise like strcmp, but over the whole text: a part may hold a NUL, and
   // two different ids must never compare equal.
-  int c = std::string_view(a._entry->text).compare(b._entry->text);
+  int c = std::string_view(a->text).compare(b->text);
   return c < 0 ? -1 : (c > 0 ? 1 : 0);
 }
 

@@ -16,6 +16,14 @@ namespace detail {
 // process, which is what lets a bare pointer stand for it.
 struct InternedEntry {
   uint64_t hashWord;
+  // The first eight bytes of the text as a big-endian number, zero-padded.
+  // Where two keys differ, the texts differ the same way: the first byte that
+  // differs decides both, read as unsigned char as char_traits<char> reads it,
+  // and where one text has ended, its padding 0 is below any other byte, as a
+  // prefix sorts before the longer text. A NUL there matches the padding, so
+  // "a" and "a\0" have equal keys: equal keys decide nothing, and the whole
+  // texts are compared.
+  uint64_t orderKey;
   std::string text;
 };
 }  // namespace detail
@@ -67,14 +75,25 @@ class InternedId {
 
   friend bool operator==(InternedId a, InternedId b) { return a._entry == b._entry; }
 
-  // Order by text, bytewise; the null id sorts first.
-  static int CompareText(InternedId a, InternedId b);
+  // Order by text, bytewise; the null id sorts first. Sorted tables call this
+  // at every step of their searches, and most ids part within their first
+  // eight bytes: the order keys settle those without reading either text.
+  static int CompareText(InternedId a, InternedId b) {
+    if (a._entry == b._entry) return 0;
+    if (!a._entry) return -1;
+    if (!b._entry) return 1;
+    const uint64_t ka = a._entry->orderKey;
+    const uint64_t kb = b._entry->orderKey;
+    if (ka != kb) return ka < kb ? -1 : 1;
+    return CompareWholeText(a._entry, b._entry);
+  }
 
   // Number of ids in the pool.
   static size_t PoolSize();
 
  private:
   explicit InternedId(const detail::InternedEntry* entry) : _entry(entry) {}
+  static int CompareWholeText(const detail::InternedEntry* a, const detail::InternedEntry* b);
   const detail::InternedEntry* _entry = nullptr;
 };
 
