@@ -2,14 +2,12 @@
 
 #include "orvix/host/hash.h"
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cstring>
-#include <memory>
 #include <mutex>
 #include <new>
-#include <shared_mutex>
-#include <unordered_map>
 
 namespace orvix {
 
@@ -37,13 +35,39 @@ uint64_t OrderKey(std::string_view s) {
   return key;
 }
 
-// Sharded so that threads interning different ids rarely meet on one lock;
-// lookups of ids that exist take a shared lock only.
-constexpr size_t SHARD_COUNT = 64;
+// Sharded so that threads adding different ids rarely meet on one lock. The low
+// bits of the hash pick the shard; the bits above them pick the slot.
+constexpr size_t SHARD_BITS = 6;
+constexpr size_t SHARD_COUNT = size_t(1) << SHARD_BITS;
+// The first real table of a shard; below this, growing would only churn.
+constexpr size_t MIN_CAPACITY = 16;
+
+using Slot = std::atomic<const detail::InternedEntry*>;
+
+// A shard's open-addressed table, probed linearly. Readers walk it without a
+// lock, which holds because nothing in it ever moves: a slot, once filled,
+// keeps its entry, and growth publishes a bigger copy instead of rehashing in
+// place. The table it replaced stays allocated, since a reader may still be
+// probing it; a reader that misses there falls back to the lock and sees the
+// new one. Capacities double, so the old tables together never outweigh the
+// current one, and ids live for the whole process anyway.
+struct Table {
+  size_t mask;  // capacity - 1; the capacity is a power of two
+  Slot* slots;
+  const Table* older;  // kept reachable, so that leak checkers see it as owned
+};
+
+// Every shard starts with this table of one empty slot: a reader needn't test
+// for a missing table, and the first insert grows past it.
+constinit Slot g_noSlot{nullptr};
+constinit const Table g_emptyTable{0, &g_noSlot, nullptr};
 
 struct Shard {
-  std::shared_mutex mutex;
-  std::unordered_map<std::string_view, const detail::InternedEntry*> map;
+  // What readers load, on a line of its own: an insert into this shard writes
+  // the lock's line, which readers of the shard then needn't fetch again.
+  alignas(64) std::atomic<const Table*> table{&g_emptyTable};
+  alignas(64) std::mutex mutex;
+  size_t count = 0;  // entries in `table`, under `mutex`
 };
 
 struct Pool {
@@ -51,36 +75,104 @@ struct Pool {
   std::atomic<size_t> size{0};
 };
 
-Pool& ThePool() {
-  // Deliberately never destroyed: ids may be used by static destructors.
-  static Pool* pool = new Pool();
-  return *pool;
+// Never destroyed: ids may be used by static destructors. Constant-initialised,
+// so it is there before any dynamic initialiser interns an id, and a lookup
+// passes no guard of a function-local static.
+union PoolStorage {
+  constexpr PoolStorage() : pool() {}
+  ~PoolStorage() {}
+  Pool pool;
+};
+constinit PoolStorage g_storage;
+
+// The slot where a probe for `hashWord` starts.
+size_t Home(const Table* table, uint64_t hashWord) {
+  return (hashWord >> SHARD_BITS) & table->mask;
+}
+
+// The entry of `text` in `table`, or null. Tables stay at most half full, so a
+// probe always reaches an empty slot. The acquire load pairs with the release
+// store that published the entry, so its text is complete when read here.
+const detail::InternedEntry* Lookup(const Table* table, uint64_t hashWord, std::string_view text) {
+  for (size_t i = Home(table, hashWord);; i = (i + 1) & table->mask) {
+    const detail::InternedEntry* entry = table->slots[i].load(std::memory_order_acquire);
+    if (!entry) return nullptr;
+    if (entry->hashWord == hashWord && std::string_view(entry->text) == text) return entry;
+  }
+}
+
+// Under the shard's lock, the only place that writes a table.
+void Place(const Table* table, const detail::InternedEntry* entry, std::memory_order order) {
+  size_t i = Home(table, entry->hashWord);
+  while (table->slots[i].load(std::memory_order_relaxed)) i = (i + 1) & table->mask;
+  table->slots[i].store(entry, order);
+}
+
+// A table twice the size of `old` holding its entries, or null when memory has
+// run out. Nobody sees it before it is published, so its slots fill relaxed.
+const Table* Grow(const Table* old) {
+  const size_t capacity = std::max(MIN_CAPACITY, (old->mask + 1) * 2);
+  void* block = ::operator new(sizeof(Table) + capacity * sizeof(Slot), std::nothrow);
+  if (!block) return nullptr;
+  Slot* slots = reinterpret_cast<Slot*>(static_cast<Table*>(block) + 1);
+  for (size_t i = 0; i < capacity; ++i) new (&slots[i]) Slot(nullptr);
+  const Table* table = new (block) Table{capacity - 1, slots, old};
+  for (size_t i = 0; i <= old->mask; ++i) {
+    if (const detail::InternedEntry* entry = old->slots[i].load(std::memory_order_relaxed)) {
+      Place(table, entry, std::memory_order_relaxed);
+    }
+  }
+  return table;
+}
+
+// The slow path of Create: the id was not seen without the lock. Another
+// thread may have added it meanwhile, so look again under the lock first.
+// Nothing is published before every allocation has succeeded, so running out
+// of memory leaves the pool as it was.
+[[gnu::noinline]] Result<InternedId> Insert(Shard& shard, uint64_t hashWord,
+                                            std::string_view text) {
+  std::lock_guard lock(shard.mutex);
+  const Table* table = shard.table.load(std::memory_order_relaxed);
+  if (const detail::InternedEntry* found = Lookup(table, hashWord, text)) {
+    return InternedId::FromPointer(found);
+  }
+  const detail::InternedEntry* entry;
+  try {
+    entry = new detail::InternedEntry{hashWord, OrderKey(text), std::string(text)};
+  } catch (const std::bad_alloc&) {
+    return OutOfMemoryError();
+  }
+  if ((shard.count + 1) * 2 > table->mask + 1) {
+    const Table* bigger = Grow(table);
+    if (!bigger) {
+      delete entry;
+      return OutOfMemoryError();
+    }
+    shard.table.store(bigger, std::memory_order_release);
+    table = bigger;
+  }
+  Place(table, entry, std::memory_order_release);
+  ++shard.count;
+  g_storage.pool.size.fetch_add(1, std::memory_order_relaxed);
+  return InternedId::FromPointer(entry);
+}
+
+Shard& ShardOf(uint64_t hashWord) {
+  return g_storage.pool.shards[hashWord % SHARD_COUNT];
 }
 
 }  // namespace
 
 Result<InternedId> InternedId::Create(std::string_view text) {
-  const uint64_t h = HashText(text);
-  Shard& shard = ThePool().shards[h % SHARD_COUNT];
-  {
-    std::shared_lock lock(shard.mutex);
-    auto it = shard.map.find(text);
-    if (it != shard.map.end()) return InternedId(it->second);
+  const uint64_t hashWord = HashText(text) | RESERVED_HASH_BIT;
+  Shard& shard = ShardOf(hashWord);
+  // Ids that exist are the common case (every add of a node, every parsed
+  // path): they take no lock and write nothing shared.
+  if (const detail::InternedEntry* entry =
+          Lookup(shard.table.load(std::memory_order_acquire), hashWord, text)) {
+    return InternedId(entry);
   }
-  try {
-    std::unique_lock lock(shard.mutex);
-    auto it = shard.map.find(text);
-    if (it != shard.map.end()) return InternedId(it->second);
-    auto entry = std::make_unique<detail::InternedEntry>(
-        detail::InternedEntry{h | RESERVED_HASH_BIT, OrderKey(text), std::string(text)});
-    const detail::InternedEntry* raw = entry.get();
-    shard.map.emplace(std::string_view(raw->text), raw);
-    entry.release();
-    ThePool().size.fetch_add(1, std::memory_order_relaxed);
-    return InternedId(raw);
-  } catch (const std::bad_alloc&) {
-    return OutOfMemoryError();
-  }
+  return Insert(shard, hashWord, text);
 }
 
 InternedId InternedId::Get(std::string_view text) {
@@ -90,10 +182,11 @@ InternedId InternedId::Get(std::string_view text) {
 }
 
 InternedId InternedId::Find(std::string_view text) {
-  Shard& shard = ThePool().shards[HashText(text) % SHARD_COUNT];
-  std::shared_lock lock(shard.mutex);
-  auto it = shard.map.find(text);
-  return it == shard.map.end() ? InternedId() : InternedId(it->second);
+  // No lock even on a miss: an id whose Create finished before this call began
+  // is in the table this load sees, or in one published later.
+  const uint64_t hashWord = HashText(text) | RESERVED_HASH_BIT;
+  return InternedId(
+      Lookup(ShardOf(hashWord).table.load(std::memory_order_acquire), hashWord, text));
 }
 
 int InternedId::CompareWholeText(const detail::InternedEntry* a, const detail::InternedEntry* b) {
@@ -103,6 +196,8 @@ int InternedId::CompareWholeText(const detail::InternedEntry* a, const detail::I
   return c < 0 ? -1 : (c > 0 ? 1 : 0);
 }
 
-size_t InternedId::PoolSize() { return ThePool().size.load(std::memory_order_relaxed); }
+size_t InternedId::PoolSize() {
+  return g_storage.pool.size.load(std::memory_order_relaxed);
+}
 
 }  // namespace orvix

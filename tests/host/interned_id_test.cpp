@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <random>
 #include <string>
 #include <thread>
@@ -12,22 +13,55 @@ namespace orvix {
 namespace {
 
 // Run under the thread sanitizer (preset tsan) to check the pool for races.
-// Equal strings interned anywhere share one pointer.
+// Writers intern overlapping ranges of new ids, odd ones backwards, so that an
+// id races into its shard from two threads while the shard's table grows; a
+// reader looks them up meanwhile without the lock and may only ever see
+// nothing or the one complete entry.
 TEST(InternedId, ConcurrentInterningAgrees) {
-  constexpr int kIds = 2000;
-  // Each thread walks the ids in another order so that inserts collide.
-  auto name = [](int t, int i) { return "concurrent-" + std::to_string(t % 2 ? kIds - 1 - i : i); };
-  std::vector<std::vector<const void*>> seen(4);
+  constexpr int kWriters = 4, kIds = 3000, kAll = kIds + (kWriters - 1) * kIds / 2;
+  // Lengths on both sides of eight bytes and of the string's own buffer.
+  std::vector<std::string> names;
+  for (int i = 0; i < kAll; ++i) {
+    names.push_back("concurrent-" + std::to_string(i) + std::string(i % 17, 'x'));
+  }
+  const size_t sizeBefore = InternedId::PoolSize();
+  const auto fresh = std::count_if(names.begin(), names.end(), [](const std::string& n) {
+    return InternedId::Find(n).IsNull();
+  });
+  std::vector<std::vector<const void*>> seen(kWriters + 1, std::vector<const void*>(kAll));
+  std::atomic<int> writing{kWriters};
   std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t) {
+  for (int t = 0; t < kWriters; ++t) {
     threads.emplace_back([&, t] {
-      for (int i = 0; i < kIds; ++i) seen[t].push_back(InternedId::Get(name(t, i)).GetPointer());
+      for (int k = 0; k < kIds; ++k) {
+        const int i = t * kIds / 2 + (t % 2 ? kIds - 1 - k : k);
+        seen[t][i] = InternedId::Get(names[i]).GetPointer();
+      }
+      writing.fetch_sub(1);
     });
   }
+  threads.emplace_back([&] {
+    std::vector<const void*>& read = seen[kWriters];
+    while (writing.load() > 0) {
+      for (int i = 0; i < kAll; ++i) {
+        const InternedId id = InternedId::Find(names[i]);
+        if (read[i]) {
+          ASSERT_EQ(id.GetPointer(), read[i]) << "once there, an id stays";
+        } else if (id) {
+          ASSERT_EQ(id.GetString(), names[i]);
+          read[i] = id.GetPointer();
+        }
+      }
+    }
+  });
   for (auto& th : threads) th.join();
-  for (int t = 0; t < 4; ++t) {
-    for (int i = 0; i < kIds; ++i) EXPECT_EQ(seen[t][i], InternedId::Find(name(t, i)).GetPointer());
+
+  for (int i = 0; i < kAll; ++i) {
+    const void* p = InternedId::Find(names[i]).GetPointer();
+    ASSERT_NE(p, nullptr);
+    for (const auto& s : seen) ASSERT_TRUE(!s[i] || s[i] == p) << names[i];
   }
+  EXPECT_EQ(InternedId::PoolSize(), sizeBefore + size_t(fresh)) << "Find never adds";
   EXPECT_TRUE(InternedId::Find("never-interned-anywhere").IsNull());
   EXPECT_TRUE(InternedId::Get("").IsPopulated());
 }
