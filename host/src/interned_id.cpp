@@ -13,18 +13,50 @@ namespace orvix {
 
 namespace {
 
+uint64_t Read8(const char* p) {
+  uint64_t w;
+  std::memcpy(&w, p, 8);
+  return w;
+}
+
+// The n < 8 bytes at `p`, zero-padded, in a word; the word a memcpy into a
+// zeroed one gives on a little-endian machine, without the call to memcpy that
+// a variable length costs, which was a good part of the cost of a lookup.
+uint64_t ReadShort(const char* p, size_t n) {
+  if (n >= 4) {
+    // Two loads that overlap in the middle: the bytes they share are equal,
+    // so or-ing them in twice does no harm.
+    uint32_t lo;
+    uint32_t hi;
+    std::memcpy(&lo, p, 4);
+    std::memcpy(&hi, p + n - 4, 4);
+    return uint64_t(lo) | uint64_t(hi) << (8 * (n - 4));
+  }
+  if (n == 0) return 0;
+  auto byte = [p](size_t i) { return uint64_t(static_cast<unsigned char>(p[i])) << (8 * i); };
+  return byte(0) | byte(n / 2) | byte(n - 1);
+}
+
 // A string hash that reads eight bytes a step; strings of ids are short.
-uint64_t HashText(std::string_view s) {
+[[gnu::always_inline]] inline uint64_t HashText(std::string_view s) {
   uint64_t h = 0x9e3779b97f4a7c15ULL ^ (s.size() * 0xff51afd7ed558ccdULL);
   size_t i = 0;
-  for (; i + 8 <= s.size(); i += 8) {
-    uint64_t w;
-    std::memcpy(&w, s.data() + i, 8);
-    h = MixHash(h ^ w);
-  }
-  uint64_t tail = 0;
-  if (s.size() > i) std::memcpy(&tail, s.data() + i, s.size() - i);
+  for (; i + 8 <= s.size(); i += 8) h = MixHash(h ^ Read8(s.data() + i));
+  const uint64_t tail = ReadShort(s.data() + i, s.size() - i);
   return MixHash(h ^ tail ^ (uint64_t(s.size() - i) << 56));
+}
+
+// Whether two texts of the same size `n` are equal. Ids are short, and after
+// the hash words agreed this is almost always a match being confirmed, which
+// a few word compares do for less than a call to memcmp.
+bool SameBytes(const char* a, const char* b, size_t n) {
+  if (n < 8) return ReadShort(a, n) == ReadShort(b, n);
+  if (n > 32) return std::memcmp(a, b, n) == 0;
+  for (size_t i = 0; i + 8 < n; i += 8) {
+    if (Read8(a + i) != Read8(b + i)) return false;
+  }
+  // The last eight bytes, overlapping what the loop compared.
+  return Read8(a + n - 8) == Read8(b + n - 8);
 }
 
 uint64_t OrderKey(std::string_view s) {
@@ -93,11 +125,16 @@ size_t Home(const Table* table, uint64_t hashWord) {
 // The entry of `text` in `table`, or null. Tables stay at most half full, so a
 // probe always reaches an empty slot. The acquire load pairs with the release
 // store that published the entry, so its text is complete when read here.
-const detail::InternedEntry* Lookup(const Table* table, uint64_t hashWord, std::string_view text) {
+[[gnu::always_inline]] inline const detail::InternedEntry* Lookup(const Table* table,
+                                                                  uint64_t hashWord,
+                                                                  std::string_view text) {
   for (size_t i = Home(table, hashWord);; i = (i + 1) & table->mask) {
     const detail::InternedEntry* entry = table->slots[i].load(std::memory_order_acquire);
     if (!entry) return nullptr;
-    if (entry->hashWord == hashWord && std::string_view(entry->text) == text) return entry;
+    if (entry->hashWord == hashWord && entry->text.size() == text.size() &&
+        SameBytes(entry->text.data(), text.data(), text.size())) {
+      return entry;
+    }
   }
 }
 
