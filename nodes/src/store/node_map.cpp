@@ -1,5 +1,6 @@
 #include "store/node_map.h"
 
+#include <algorithm>
 #include <new>
 #include <utility>
 
@@ -28,13 +29,9 @@ Result<Ref<NodeMap>> NodeMap::Create(Ref<NodeMap> parent) {
 }
 
 NodeMap::~NodeMap() {
+  // The entries go with their chunks.
   for (Entry* head : _buckets) {
-    while (head) {
-      Entry* next = head->next;
-      NodeInfo::Free(head->info);
-      delete head;
-      head = next;
-    }
+    for (; head; head = head->next) NodeInfo::Free(head->info);
   }
   // Release deep chains of frozen layers iteratively: a layer whose last owner
   // is this one would otherwise recurse once per layer.
@@ -89,9 +86,30 @@ Result<void> NodeMap::_Grow() {
   return Ok();
 }
 
+NodeMap::Entry* NodeMap::_NewEntry() noexcept {
+  if (Entry* e = _free) {
+    _free = e->next;
+    e->next = nullptr;
+    return e;
+  }
+  if (_chunkUsed == _chunkSize) {
+    const size_t size = _chunkSize == 0 ? 2 : std::min(2 * _chunkSize, MAX_CHUNK);
+    std::unique_ptr<Entry[]> chunk(new (std::nothrow) Entry[size]);
+    if (!chunk) return nullptr;
+    try {
+      _chunks.push_back(std::move(chunk));
+    } catch (const std::bad_alloc&) {
+      return nullptr;
+    }
+    _chunkSize = size;
+    _chunkUsed = 0;
+  }
+  return &_chunks.back()[_chunkUsed++];
+}
+
 Result<NodeMap::Entry*> NodeMap::AddEntry(const NodePath& path, NodeInfo* info) {
   ORVIX_TRY(_Grow());
-  Entry* e = new (std::nothrow) Entry();
+  Entry* e = _NewEntry();
   if (!e) return OutOfMemoryError();
   e->hash = path.GetHashCode();
   e->path = path;
@@ -120,14 +138,24 @@ void NodeMap::DeleteEntry(Entry* entry) noexcept {
       *link = entry->next;
       --_count;
       NodeInfo::Free(entry->info);
-      delete entry;
+      entry->hash = 0;
+      entry->path = NodePath();
+      entry->info = nullptr;
+      entry->published.store(false, std::memory_order_relaxed);
+      entry->next = _free;
+      _free = entry;
       return;
     }
   }
 }
 
 size_t NodeMap::GetLayerBytes() const noexcept {
-  return sizeof(NodeMap) + _buckets.capacity() * sizeof(Entry*) + _count * sizeof(Entry);
+  size_t entries = 0;
+  for (size_t i = 0, size = 2; i < _chunks.size(); ++i, size = std::min(2 * size, MAX_CHUNK)) {
+    entries += size;
+  }
+  return sizeof(NodeMap) + _buckets.capacity() * sizeof(Entry*) + entries * sizeof(Entry) +
+         _chunks.capacity() * sizeof(_chunks[0]);
 }
 
 }  // namespace orvix::nodes

@@ -13,14 +13,17 @@
 // may be read by any number of threads. A copy of a system shares its map;
 // the first write puts a new, empty layer on top (see NodeSystemImpl).
 //
-// Entries are allocated one by one and never move, so that a NodeInfo pointer
-// outlives the growth of its table. The bucket array starts at 32 buckets on
-// the first insertion and doubles when the entry count passes 10/16 of the
-// buckets.
+// Entries never move, so that an entry outlives the growth of its table. A
+// layer allocates them in chunks that double in size (2, 4, ... up to
+// MAX_CHUNK entries) and keeps deleted ones for reuse: a graph of many nodes
+// pays one allocation per MAX_CHUNK entries instead of one each, and frees
+// them as fast. The bucket array starts at 32 buckets on the first insertion
+// and doubles when the entry count passes 10/16 of the buckets.
 
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 #include "orvix/graph/node_path.h"
@@ -47,6 +50,7 @@ class NodeMap final : public RefCounted {
   };
 
   static constexpr size_t INITIAL_BUCKETS = 32;
+  static constexpr size_t MAX_CHUNK = 256;
 
   // A new, empty layer on top of `parent` (null for the lowest layer).
   static Result<Ref<NodeMap>> Create(Ref<NodeMap> parent);
@@ -101,7 +105,8 @@ class NodeMap final : public RefCounted {
     }
   }
 
-  // The bytes this layer holds: bucket array and entries, records excluded.
+  // The bytes this layer holds: bucket array and entry chunks, records
+  // excluded.
   size_t GetLayerBytes() const noexcept;
 
  private:
@@ -114,9 +119,15 @@ class NodeMap final : public RefCounted {
   }
   // Makes room for one more entry; out of memory leaves the table unchanged.
   Result<void> _Grow();
+  // A fresh entry from the free list or a chunk; null when memory runs out.
+  Entry* _NewEntry() noexcept;
 
   std::vector<Entry*> _buckets;
   size_t _count = 0;
+  std::vector<std::unique_ptr<Entry[]>> _chunks;
+  size_t _chunkUsed = 0;  // entries handed out of the last chunk
+  size_t _chunkSize = 0;  // its capacity
+  Entry* _free = nullptr;  // deleted entries, linked through `next`
   Ref<NodeMap> _parent;
   uint32_t _depth = 0;
 };
