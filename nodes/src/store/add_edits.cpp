@@ -1,6 +1,7 @@
 // NodeSystemImpl: the edits that add elements. Every add ends in
 // AddChildRecord; AddPort and AddNode put their rules and marks around it.
 
+#include <memory>
 #include <new>
 #include <utility>
 #include <vector>
@@ -77,7 +78,8 @@ Result<GNode> NodeSystemImpl::AddChildRecord(GNode& parent, NODE_KIND kind, Inte
     record = &parentInfo->children.FindOrInsert(id, &isNew, true);
     if (wasSorted && !parentInfo->children.IsSorted()) {
       try {
-        _unsortedChildTables.push_back(parent.path);
+        if (!_unsortedChildTables) _unsortedChildTables = std::make_unique<std::vector<NodePath>>();
+        _unsortedChildTables->push_back(parent.path);
       } catch (const std::bad_alloc&) {
         parentInfo->children.Sort();
         record = parentInfo->children.FindForWriting(id);

@@ -283,12 +283,13 @@ Result<void> NodeSystemImpl::SetChildRecord(NodeInfo* parent, InternedId id, CHI
 }
 
 void NodeSystemImpl::_SortChildTables() noexcept {
+  if (!_unsortedChildTables) return;
   if (_nodes) {
-    for (const NodePath& path : _unsortedChildTables) {
+    for (const NodePath& path : *_unsortedChildTables) {
       if (NodeInfo* info = _nodes->Find(path)) info->children.Sort();
     }
   }
-  _unsortedChildTables.clear();
+  _unsortedChildTables.reset();
 }
 
 bool NodeSystemImpl::EraseChildRecord(NodeInfo* parent, InternedId id) {

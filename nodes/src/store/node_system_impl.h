@@ -13,6 +13,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 #include "orvix/graph/node_kind.h"
@@ -486,8 +487,9 @@ class NodeSystemImpl final : public NodeSystem {
   // node's content; never cleared, so it may be true when nothing hides.
   bool _mayHideBelow = false;
   // The elements whose child tables adds of this modification left unsorted;
-  // the end of the modification sorts them.
-  std::vector<NodePath> _unsortedChildTables;
+  // the end of the modification sorts them. Made on first use: every node of
+  // a graph holds a system, so an empty member would cost every node.
+  std::unique_ptr<std::vector<NodePath>> _unsortedChildTables;
   // Set while the class's FinalizeModification runs; an EndModification then
   // is refused.
   bool _finalizing = false;
