@@ -55,6 +55,24 @@ void Ratio(benchmark::State& state, const char* what, double library, double pee
   state.counters[std::string(what) + "_ratio"] = peer > 0 ? library / peer : 0;
 }
 
+// Runs `library` and `peer` once per iteration and reports their CPU time
+// per operation (`operations` per run) and the ratio under `what`.
+template <typename Library, typename Peer>
+void TimeBoth(benchmark::State& state, const char* what, double operations, Library&& library,
+              Peer&& peer) {
+  double time[2] = {};
+  for (auto _ : state) {
+    const double t0 = ThreadNanoseconds();
+    benchmark::DoNotOptimize(library());
+    const double t1 = ThreadNanoseconds();
+    benchmark::DoNotOptimize(peer());
+    time[0] += t1 - t0;
+    time[1] += ThreadNanoseconds() - t1;
+  }
+  const double count = double(state.iterations()) * operations;
+  Ratio(state, what, time[0] / count, time[1] / count);
+}
+
 // Build, memory and destruction, per node.
 void BM_BuildKeepDestroy(benchmark::State& state) {
   const Inputs in(state.range(0));
@@ -104,18 +122,10 @@ void BM_ReadThroughHeldHandle(benchmark::State& state) {
   BuildPeer(in, peer);
   const std::vector<GNode> held = HoldLibrary(*graph, in, Stride(in));
   const std::vector<const PeerNode*> heldPeer = HoldPeer(peer, in, Stride(in));
-  double time[2] = {};
-  for (auto _ : state) {
-    double t0 = ThreadNanoseconds();
-    benchmark::DoNotOptimize(ReadHeldLibrary(*graph, held, 1, in.valueId));
-    double t1 = ThreadNanoseconds();
-    benchmark::DoNotOptimize(ReadHeldPeer(heldPeer, 1));
-    double t2 = ThreadNanoseconds();
-    time[0] += t1 - t0;
-    time[1] += t2 - t1;
-  }
-  const double reads = double(state.iterations()) * double(held.size());
-  Ratio(state, "read_ns", time[0] / reads, time[1] / reads);
+  TimeBoth(
+      state, "read_ns", double(held.size()),
+      [&] { return ReadHeldLibrary(*graph, held, 1, in.valueId); },
+      [&] { return ReadHeldPeer(heldPeer, 1); });
 }
 BENCHMARK(BM_ReadThroughHeldHandle)->Arg(1000)->Arg(10000)->Arg(100000);
 
@@ -125,18 +135,10 @@ void BM_LookupInDerivedVsBase(benchmark::State& state) {
   const Inputs in(state.range(0));
   const Ref<NodeSystem> graph = BuildLibrary(in);
   const Ref<NodeSystem> derived = DeriveLibrary(graph);
-  double time[2] = {};
-  for (auto _ : state) {
-    double t0 = ThreadNanoseconds();
-    benchmark::DoNotOptimize(LookupLibrary(*derived, in.inPaths));
-    double t1 = ThreadNanoseconds();
-    benchmark::DoNotOptimize(LookupLibrary(*graph, in.inPaths));
-    double t2 = ThreadNanoseconds();
-    time[0] += t1 - t0;
-    time[1] += t2 - t1;
-  }
-  const double lookups = double(state.iterations()) * double(in.count);
-  Ratio(state, "derived_vs_base_ns", time[0] / lookups, time[1] / lookups);
+  TimeBoth(
+      state, "derived_vs_base_ns", double(in.count),
+      [&] { return LookupLibrary(*derived, in.inPaths); },
+      [&] { return LookupLibrary(*graph, in.inPaths); });
 }
 BENCHMARK(BM_LookupInDerivedVsBase)->Arg(1000)->Arg(10000)->Arg(100000);
 
@@ -146,18 +148,9 @@ void BM_LookupFromText(benchmark::State& state) {
   const Ref<NodeSystem> graph = BuildLibrary(in);
   PeerGraph peer;
   BuildPeer(in, peer);
-  double time[2] = {};
-  for (auto _ : state) {
-    double t0 = ThreadNanoseconds();
-    benchmark::DoNotOptimize(LookupTextLibrary(*graph, in.inTexts));
-    double t1 = ThreadNanoseconds();
-    benchmark::DoNotOptimize(LookupTextPeer(peer, in.inTexts));
-    double t2 = ThreadNanoseconds();
-    time[0] += t1 - t0;
-    time[1] += t2 - t1;
-  }
-  const double lookups = double(state.iterations()) * double(in.count);
-  Ratio(state, "text_ns", time[0] / lookups, time[1] / lookups);
+  TimeBoth(
+      state, "text_ns", double(in.count), [&] { return LookupTextLibrary(*graph, in.inTexts); },
+      [&] { return LookupTextPeer(peer, in.inTexts); });
 }
 BENCHMARK(BM_LookupFromText)->Arg(1000)->Arg(10000)->Arg(100000);
 
