@@ -69,8 +69,8 @@ RC_GTEST_PROP(ModifiedListsProperty, RandomTouchesAndClearsKeepTheListsExact, ()
     GFI word = GFI::NONE;
     for (NodeInfo* r = s->_firstModified; r != g_modifiedListEnd; r = r->_nextModified) {
       RC_ASSERT(++seen[r] == 1);
-      RC_ASSERT(!r->_pathTmpHandle.GetCount() || !HasAny(r->GetKind(), NODE_KIND::PORT_MASK) ||
-                r->_pathTmpHandle.IsTopLevelPort());
+      RC_ASSERT(!r->_path.GetCount() || !HasAny(r->GetKind(), NODE_KIND::PORT_MASK) ||
+                r->_path.IsTopLevelPort());
       if (const PortRecord* port = r->AsPort()) {
         GFI expected = GFI::NONE;
         for (NodeInfo* n = port->_firstNestedModified; n != g_modifiedListEnd;

@@ -78,7 +78,7 @@ inline void Connect(NodeSystemImpl& system, std::string_view source, std::string
 inline Strings Listed(const NodeInfo* first) {
   Strings paths;
   for (const NodeInfo* r = first; r && r != g_modifiedListEnd; r = r->_nextModified) {
-    paths.push_back(r->_pathTmpHandle.ToString());
+    paths.push_back(r->_path.ToString());
   }
   return paths;
 }

@@ -71,7 +71,7 @@ int64_t PrefixOf(const NodeSystemImpl& self, const GNode& node,
                  const NodeSystemImpl::ValueHolder& holder, bool ownOnly) {
   if (!holder.record) return 0;
   if (ownOnly && holder.record == node.info && holder.system == &self) return -1;
-  return int64_t(node.path.GetCount()) - int64_t(holder.record->_pathTmpHandle.GetCount());
+  return int64_t(node.path.GetCount()) - int64_t(holder.record->_path.GetCount());
 }
 
 bool HasDirectAndTransient(ATTRIBUTE_FLAGS flags) {
@@ -135,7 +135,7 @@ Result<const Data*> NodeSystemImpl::GetValue(const GNode& node, InternedId id,
   if (_mutable && !_attribSetup && !_loadContext && holder.system == this && holder.record &&
       _nodes->HasSingleOwner() &&
       !holder.record->HasFlags(GFI::MODIFIED_G_VALUES_MIGHT_BE_REFERENCED)) {
-    const NodePath& path = holder.record->_pathTmpHandle;
+    const NodePath& path = holder.record->_path;
     const NodeMap::Entry* entry = _nodes->FindInLayer(path.GetHashCode(), path.ToBlock());
     if (entry && entry->IsPublished()) {
       if (entry->info != holder.record) {
@@ -414,7 +414,7 @@ Result<bool> NodeSystemImpl::SetValue(const GNode& node, InternedId id, Data val
     below = start ? GetStoredValue(start, startSystem, id, false, &holder) : nullptr;
     bool same = false;
     if (below && holder.record &&
-        handle.path.GetCount() != holder.record->_pathTmpHandle.GetCount()) {
+        handle.path.GetCount() != holder.record->_path.GetCount()) {
       same = derived->IsEqual(value, handle, *below, PrefixOf(*this, handle, holder, false));
     } else {
       same = below && *below == value;

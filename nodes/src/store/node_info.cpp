@@ -30,7 +30,7 @@ NodeInfo* NodeInfo::Allocate(NODE_KIND kind, const NodePath& path) noexcept {
   }
   if (info) {
     info->flags = WithKind(info->flags, kind);
-    info->_pathTmpHandle = path;
+    info->_path = path;
   }
   return info;
 }

@@ -69,7 +69,9 @@ struct PortRecord;
 // The common part of every record.
 struct NodeInfo {
   GNODE_FLAGS_IMPL flags = GNODE_FLAGS_IMPL::NONE;
-  NodePath _pathTmpHandle;
+  // The path of the element, set when the record is made and never changed:
+  // handles and modified-list walks read it instead of keeping their own.
+  NodePath _path;
   // The record of the same element in the base, and the system holding it.
   NodeInfo* base = nullptr;
   NodeSystemImpl* baseSystem = nullptr;

@@ -503,7 +503,7 @@ class NodeSystemImpl final : public NodeSystem {
   // an element on the way to `parts`. Writes the internal-error diagnostic
   // and answers false if a prefix can't be resolved.
   bool _CheckBaseHit(NodePath::Block parts, const FoundNode& hit) const {
-    const size_t own = hit.info->_pathTmpHandle.GetCount();
+    const size_t own = hit.info->_path.GetCount();
     return !IsRemovedAbove(parts, *hit.system, parts.size() > own ? parts.size() - own : 0);
   }
   // True if `holder` is a system that this one keeps alive and that a lookup

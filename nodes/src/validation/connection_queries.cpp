@@ -202,7 +202,7 @@ Result<bool> ConnectionWalk::Run(uint64_t wiresMask) {
     const NodeInfo* layer = element.info;
     const NodeSystemImpl* holder = element.system;
     for (; layer; holder = layer->baseSystem, layer = layer->base) {
-      const size_t layerLength = layer->_pathTmpHandle.GetCount();
+      const size_t layerLength = layer->_path.GetCount();
       if (layerLength > levelLength) break;
       const size_t k = levelLength - layerLength;
       if (k > _maxDepth) break;
@@ -382,7 +382,7 @@ Result<bool> ConnectionWalk::IsShortcutValid(const NodeSystemImpl* holder,
   const PortRecord* record = targetLayer->AsPort();
   const ConnectionData* back =
       record ? record->connections.Find(ConnectionKey::Make(
-                   portLayer->_pathTmpHandle, CONNECTION_TYPE::SHORTCUT,
+                   portLayer->_path, CONNECTION_TYPE::SHORTCUT,
                    CONNECTION_DIRECTION::SOURCE))
              : nullptr;
   if (!back) return false;

@@ -111,7 +111,7 @@ Result<void> NodeSystemImpl::_RunPortPasses() {
           !r->AsPort()) {
         continue;
       }
-      GNode port(r->_pathTmpHandle, r, this, _movedStamp);
+      GNode port(r->_path, r, this, _movedStamp);
       if (inherited && r->GetKind() == NODE_KIND::OUTPORT &&
           HasAll(r->flags, GFI::MODIFIED_PV_TARGETS | GFI::CONTEXT_PARAMETER_PORT)) {
         ORVIX_TRY(SetModified(port, GFI::MODIFIED_ATTRIBUTES));
