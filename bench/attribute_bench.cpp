@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "bench_support.h"
+#include "node_system_probe.h"
 #include "orvix/nodes/modification.h"
 #include "store/node_system_impl.h"
 
@@ -94,14 +95,14 @@ void RunWrites(benchmark::State& state, bool handOut) {
     // outside the timing, so that memory stays bounded.
     if (i % 4096 == 0) {
       state.PauseTiming();
-      retired += s._retiredTables.size();
+      retired += NodeSystemTestProbe::Attributes(s)._retiredTables.size();
       if (!s.EndModification(nullptr, FINALIZE_FLAGS::CLEANUP) || !s.BeginModification()) {
         state.SkipWithError("the modification could not be restarted");
       }
       state.ResumeTiming();
     }
   }
-  retired += s._retiredTables.size();
+  retired += NodeSystemTestProbe::Attributes(s)._retiredTables.size();
   state.counters["retired_per_write"] =
       double(retired) / double(std::max<int64_t>(1, int64_t(state.iterations())));
 }

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "bench_support.h"
+#include "node_system_probe.h"
 #include "store/node_system_impl.h"
 
 namespace orvix::nodes {
@@ -127,7 +128,7 @@ void BM_CompactPerEntry(benchmark::State& state) {
     Ref<NodeSystemImpl> copy = CopyOf(*system);
     state.ResumeTiming();
     (void)copy->Compact();
-    benchmark::DoNotOptimize(copy->_nodes.Get());
+    benchmark::DoNotOptimize(NodeSystemTestProbe::Store(*copy)._nodes.Get());
     state.PauseTiming();
     copy.Reset();
     state.ResumeTiming();
@@ -140,7 +141,7 @@ BENCHMARK(BM_CompactPerEntry)->Arg(1000)->Arg(100000)->Unit(benchmark::kMillisec
 // Bytes per record, with its map entry and its share of the bucket array.
 void BM_RecordBytes(benchmark::State& state) {
   Ref<NodeSystemImpl> system = MakeSystem(100000);
-  const NodeMap& map = *system->_nodes;
+  const NodeMap& map = *NodeSystemTestProbe::Store(*system)._nodes;
   const double perEntry = double(map.GetLayerBytes()) / double(map.GetCount());
   for (auto _ : state) benchmark::DoNotOptimize(perEntry);
   state.counters["node_bytes"] = double(NodeInfo::GetRecordSize(NODE_KIND::NODE)) + perEntry;

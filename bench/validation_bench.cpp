@@ -8,7 +8,9 @@
 #include <string>
 
 #include "bench_support.h"
+#include "node_system_probe.h"
 #include "store/node_system_impl.h"
+#include "validation/validation_stages.h"
 
 namespace orvix::nodes {
 namespace {
@@ -30,7 +32,7 @@ const ValidationStages& BenchStages() {
         topology->_portIndices[in] = topology->_indexCount++;
         topology->_portIndices[Path(Name("n", i, ">out"))] = topology->_indexCount++;
       }
-      system._topology = std::move(topology);
+      NodeSystemTestProbe::SetTopology(system, std::move(topology));
       return Ok();
     };
     s.validatePort = [](NodeSystemImpl&, GNode&, GNODE_FLAGS_IMPL) -> Result<void> {
@@ -46,7 +48,7 @@ const ValidationStages& BenchStages() {
 // of nodes, each with an input and an output port, wired one to the next.
 Ref<NodeSystemImpl> MakeChain(int64_t count) {
   Ref<NodeSystemImpl> system = MakeRef<NodeSystemImpl>();
-  system->_stages = &BenchStages();
+  NodeSystemTestProbe::InstallStages(*system, &BenchStages());
   (void)system->Init(CreateDefaultNodeSystemClass().Value());
   (void)system->BeginModification();
   GNode root = system->GetRoot();

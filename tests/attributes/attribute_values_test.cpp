@@ -12,9 +12,11 @@
 #include <utility>
 #include <vector>
 
+#include "node_system_probe.h"
 #include "orvix/host/data_accessor.h"
 #include "orvix/nodes/modification.h"
 #include "store/node_system_impl.h"
+#include "validation/validation_stages.h"
 
 namespace orvix::nodes {
 namespace {
@@ -49,7 +51,7 @@ Ref<NodeSystem> Finish(MutableRoot& root) {
   Result<Ref<NodeSystem>> done = root.EndModification(nullptr, FINALIZE_FLAGS::CLEANUP);
   EXPECT_TRUE(done) << Message(done);
   if (!done) return {};
-  EXPECT_TRUE(Impl(*done)._retiredTables.empty());
+  EXPECT_TRUE(NodeSystemTestProbe::Attributes(Impl(*done))._retiredTables.empty());
   EXPECT_TRUE((*done)->IsFinalized());
   return *done;
 }
@@ -87,7 +89,7 @@ Stamps StampsOf(const NodeSystemImpl& s, std::string_view path, std::string_view
   const AttributeRecord* own = OwnAttribute(s, path, id);
   const GNode node = s.FindByPath(P(path));
   return {s.GetModificationStamp(), s.GetValueStamp(node, Id(id)).Value(), own ? own->stamp : 0,
-          node.info->_directAttributeStamp, s._attributeStamp};
+          node.info->_directAttributeStamp, NodeSystemTestProbe::Stamps(s)._attributeStamp};
 }
 
 // ---------------------------------------------------------------------------
@@ -217,7 +219,8 @@ class ChainDriver {
         int64_t prefix = 99;
         const Data* value = s.GetValue(node, Id(id), &prefix, false).Value();
         EXPECT_TRUE(Same(*value, r.Value(id)));
-        if (s._mutable && value->IsPopulated()) _handedOut.emplace_back(value, *value);
+        if (NodeSystemTestProbe::IsMutable(s) && value->IsPopulated())
+          _handedOut.emplace_back(value, *value);
         if (id == "isshortcutstop") continue;
         const std::vector<Found> found = r.Find(id);
         EXPECT_EQ(prefix, found.empty() ? 0 : found[0].Prefix(false));
@@ -371,14 +374,14 @@ TEST(HandedOutValues, StayReadableThroughLaterWritesUntilTheModificationEnds) {
   ASSERT_TRUE(Did(s.SetValue(x, Id("label"), Data(long1), nullptr)));
   // Writes before anything is handed out change the table in place.
   ASSERT_TRUE(Did(s.SetValue(x, Id("gain"), Data(int64_t{1}), nullptr)));
-  EXPECT_TRUE(s._retiredTables.empty());
+  EXPECT_TRUE(NodeSystemTestProbe::Attributes(s)._retiredTables.empty());
 
   const Data* first = s.GetValue(x, Id("label")).Value();
   ASSERT_TRUE(Did(s.SetValue(x, Id("label"), Data(std::string(300, 'b')), nullptr)));
   for (int i = 0; i < 64; ++i) {
     ASSERT_TRUE(Did(s.SetValue(x, Id("v" + std::to_string(i)), Data(int64_t{i}), nullptr)));
   }
-  EXPECT_EQ(s._retiredTables.size(), 1u);
+  EXPECT_EQ(NodeSystemTestProbe::Attributes(s)._retiredTables.size(), 1u);
   EXPECT_TRUE(Same(*first, Data(long1)));
 
   // A value read from a base isn't this system's to protect: the write goes
@@ -387,7 +390,7 @@ TEST(HandedOutValues, StayReadableThroughLaterWritesUntilTheModificationEnds) {
   NodeSystemImpl& ds = Impl(d._system);
   const Data* fromBase = &Read(ds, "<x", "v5");
   ASSERT_TRUE(Did(Set(ds, "<x", "v5", Data("own"))));
-  EXPECT_TRUE(ds._retiredTables.empty());
+  EXPECT_TRUE(NodeSystemTestProbe::Attributes(ds)._retiredTables.empty());
   EXPECT_TRUE(Same(*fromBase, Data(int64_t{5})));
   EXPECT_TRUE(Same(Read(ds, "<x", "v5"), Data("own")));
 }
@@ -402,15 +405,15 @@ TEST(AttributeStamps, AWriteWithoutDirectAndTheStampOfABasesValue) {
   AddPort(*m._system, "<", "x");
   const Ref<NodeSystem> done = Finish(m);
   NodeSystemImpl& s = Impl(done);
-  const uint64_t attributeStamp = s._attributeStamp;
+  const uint64_t attributeStamp = NodeSystemTestProbe::Stamps(s)._attributeStamp;
   EXPECT_TRUE(Did(s.SetValue(s.FindByPath(P("<x")), Id("late"), Data(true), nullptr, false)));
   EXPECT_TRUE(Same(Read(s, "<x", "late"), Data(true)));
   EXPECT_EQ(OwnAttribute(s, "<x", "late")->stamp, 0u);
-  EXPECT_EQ(s._attributeStamp, attributeStamp);
+  EXPECT_EQ(NodeSystemTestProbe::Stamps(s)._attributeStamp, attributeStamp);
 
   MutableRoot d = OpenDerived(done);
   NodeSystemImpl& ds = Impl(d._system);
-  EXPECT_EQ(StampsOf(ds, "<x", "late").value, ds._completeStamp);
+  EXPECT_EQ(StampsOf(ds, "<x", "late").value, NodeSystemTestProbe::Stamps(ds)._completeStamp);
   EXPECT_TRUE(Did(Set(ds, "<x", "late", Data(true))));
   EXPECT_EQ(StampsOf(ds, "<x", "late").value, ds.GetModificationStamp());
 }
@@ -534,11 +537,11 @@ TEST(AttributeMessages, EachRefusalSaysWhy) {
   MutableRoot m = MakeGraph();
   NodeSystemImpl& s = Impl(m._system);
   AttributeSetup setup;
-  s._attribSetup = &setup;
+  NodeSystemTestProbe::SetAttributeSetup(s, &setup);
   EXPECT_EQ(Apply(s, Op::TOUCH, "<x", "gain"),
             "TouchValue must not be called for a derived attribute.");
   EXPECT_EQ(Apply(s, Op::SET, "<x", "type", Data(1.5)), "(ok)");
-  s._attribSetup = nullptr;
+  NodeSystemTestProbe::SetAttributeSetup(s, nullptr);
   EXPECT_EQ(Apply(s, Op::SET, "<x", "type", Data(2.5)),
             "Assertion failed: Condition !(d && d->IsDerived()) not fulfilled. ");
 

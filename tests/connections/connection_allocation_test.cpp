@@ -9,6 +9,7 @@
 
 #include "connection_test_support.h"
 #include "failing_allocator.h"
+#include "node_system_probe.h"
 #include "orvix/nodes/config_variables.h"
 
 namespace orvix::nodes::test {
@@ -65,7 +66,7 @@ TEST(ConnectionAllocation, TheCheckOfBothEndsGivesTheOutOfMemoryError) {
   g_testGetConnections.Set(true);
   EachAllocationFails(
       [&]() -> Result<void> {
-        if (!s->_mutable) ORVIX_TRY(s->BeginModification());
+        if (!NodeSystemTestProbe::IsMutable(*s)) ORVIX_TRY(s->BeginModification());
         return s->EndModification(nullptr, FINALIZE_FLAGS::CLEANUP);
       },
       "(ok)");

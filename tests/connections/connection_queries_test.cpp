@@ -9,6 +9,7 @@
 #include <sstream>
 
 #include "connection_test_support.h"
+#include "node_system_probe.h"
 #include "orvix/host/diagnostics.h"
 #include "orvix/nodes/config_variables.h"
 
@@ -148,7 +149,8 @@ TEST(ConnectionQueries, InducedDependenciesAreReportedOnceAndLast) {
   Finish(*g);
   Writable(*g, ">q")->flags |= GFI::HAS_SOURCE_SHORTCUTS;
   SetShortcut(*g, ">q", "<r", CONNECTION_DIRECTION::SOURCE, 0x10);
-  g->_inducedSources[P(">q")].paths = {P("<s/x"), P("<r")};
+  NodeSystemTestProbe::LoopTablesForWriting(*g)._inducedSources[P(">q")].paths = {P("<s/x"),
+                                                                                  P("<r")};
   const GCF induced = GCF::SOURCES | GCF::SHORTCUTS | GCF::INDUCED_DEPENDENCIES;
 
   EXPECT_EQ(Query(*g, ">q", ALL, GCF::SOURCES | GCF::SHORTCUTS), "from <r 0x10");
@@ -156,12 +158,12 @@ TEST(ConnectionQueries, InducedDependenciesAreReportedOnceAndLast) {
   // comes after every record.
   EXPECT_EQ(Query(*g, ">q", ALL, induced), "from <r 0x80010, from <s/x 0x80000");
   // Cut to top-level ports, two induced paths that meet are reported once.
-  g->_inducedSources[P(">q")].paths.insert(P("<s"));
+  NodeSystemTestProbe::LoopTablesForWriting(*g)._inducedSources[P(">q")].paths.insert(P("<s"));
   EXPECT_EQ(Query(*g, ">q", ALL, induced | GCF::TOP_LEVEL_PORTS),
             "from <r 0x80010, from <s 0x80000");
 
   // Induced targets count only at a port whose loopdependencytarget is true.
-  g->_inducedTargets[P(">q")] = {P("<s")};
+  NodeSystemTestProbe::LoopTablesForWriting(*g)._inducedTargets[P(">q")] = {P("<s")};
   const GCF targets = GCF::TARGETS | GCF::SHORTCUTS | GCF::INDUCED_DEPENDENCIES;
   EXPECT_EQ(Query(*g, ">q", ALL, targets), "");
   NodeInfo* q = Writable(*g, ">q");
@@ -169,7 +171,7 @@ TEST(ConnectionQueries, InducedDependenciesAreReportedOnceAndLast) {
   q->attributes->records.FindOrInsert(InternedId::Get("loopdependencytarget")).value = Data(true);
   EXPECT_THAT(Query(*g, ">q", ALL, targets), testing::EndsWith("<s 0x80000"));
 
-  g->_inducedSources[P(">q")].paths = {P("<gone")};
+  NodeSystemTestProbe::LoopTablesForWriting(*g)._inducedSources[P(">q")].paths = {P("<gone")};
   EXPECT_EQ(Query(*g, ">q", ALL, induced), "The path <gone doesn't exist in this node system.");
 }
 

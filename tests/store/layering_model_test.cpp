@@ -20,9 +20,19 @@ struct Live {
   std::map<std::string, GNode> handles;
 };
 
-// The payload rides in a stamp field that the store copies but never sets.
-uint64_t& Payload(NodeInfo* info) {
-  return info->_synthesizedAttributeStamp;
+// The payload rides in the record's attribute table, which the store carries
+// along with the record through copies up and compactions. A write puts a new
+// table in: the old one may be shared with the record of a lower layer.
+uint64_t Payload(const NodeInfo* info) {
+  static const InternedId id = Id("payload");
+  const AttributeRecord* record = info->attributes ? info->attributes->records.Find(id) : nullptr;
+  return record ? uint64_t(record->value.Get<int64_t>().Value()) : 0;
+}
+
+void SetPayload(NodeInfo* info, uint64_t payload) {
+  Ref<AttributeTable> table = MakeRef<AttributeTable>();
+  table->records.FindOrInsert(Id("payload")).value = Data(int64_t(payload));
+  info->attributes = std::move(table);
 }
 
 void Check(std::vector<Live>& lives, const std::vector<std::string>& pool, int step) {
@@ -71,7 +81,7 @@ TEST(LayeringModel, RandomWritesRemovalsCopiesAndCompactions) {
       GNode handle(P(text));
       NodeInfo* info = system.GetMutable(handle, NODE_KIND::NONE).Value();
       EXPECT_EQ(Payload(info), live.model.contains(text) ? live.model[text] : 0) << text;
-      Payload(info) = nextPayload;
+      SetPayload(info, nextPayload);
       live.model[text] = nextPayload++;
     } else if (op < 70) {
       const bool removed = system.RemoveEntry(P(text)).Value();

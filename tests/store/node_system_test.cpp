@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "node_system_probe.h"
 #include "orvix/host/diagnostics.h"
 #include "store_test_support.h"
 
@@ -20,12 +21,12 @@ TEST(NodeSystemStore, CopiesDerivedSystemsAndCompactionsCheckTheirSource) {
   const std::string noInit = "Base nodesystem hasn't been initialized.";
   EXPECT_EQ(Message(target->CopyFrom(NodeSystemImpl())), noInit);
   EXPECT_EQ(Message(NodeSystemImpl::CreateDerived(MakeRef<NodeSystemImpl>())), noInit);
-  system->_systemFlags = GFI::MODIFIED_PV_CHILDREN;
+  NodeSystemTestProbe::SetSystemFlags(*system, GFI::MODIFIED_PV_CHILDREN);
   const std::string noValidation = "Base nodesystem hasn't been validated.";
   EXPECT_EQ(Message(target->CopyFrom(*system)), noValidation);
   EXPECT_EQ(Message(NodeSystemImpl::CreateDerived(system)), noValidation);
   // Garbage bits alone don't stand in the way of validation, but a modified list does.
-  system->_systemFlags = GFI::NONE;
+  NodeSystemTestProbe::SetSystemFlags(*system, GFI::NONE);
   GNode root = system->GetRoot();
   ASSERT_TRUE(system->SetModified(root, GFI::MODIFIED_G_VALUES_MIGHT_BE_REFERENCED));
   EXPECT_EQ(Message(target->CopyFrom(*system)),
@@ -43,9 +44,9 @@ TEST(NodeSystemStore, CopiesDerivedSystemsAndCompactionsCheckTheirSource) {
   }
   system->FindByPath(P("n5")).info->flags |= GFI::MODIFIED_TOPOLOGY;
   const std::string message = "Can't make a copy when the base node system hasn't been validated.";
-  Ref<NodeMap> before = system->_nodes;
+  Ref<NodeMap> before = NodeSystemTestProbe::Store(*system)._nodes;
   EXPECT_EQ(Message(system->Compact()), message);
-  EXPECT_EQ(system->_nodes, before);
+  EXPECT_EQ(NodeSystemTestProbe::Store(*system)._nodes, before);
   Ref<NodeSystemImpl> copy = Copy(*system);
   GNode inCopy = copy->FindByPath(P("n5"));
   EXPECT_EQ(Message(copy->GetMutable(inCopy, NODE_KIND::NODE)), message);
@@ -107,11 +108,11 @@ TEST(NodeSystemStore, ChangesSinceAStamp) {
   Ref<NodeSystemImpl> system = Empty();
   const uint64_t start = system->GetModificationStamp();
   NodeInfo* a = Add(*system, "a");
-  a->_addedStamp = system->_modificationStamp;
-  system->_structureStamp = system->_modificationStamp;
+  a->_addedStamp = NodeSystemTestProbe::Stamps(*system)._modificationStamp;
+  NodeSystemTestProbe::StampStructureChange(*system);
   NodeInfo* x = Add(*system, "<x");
-  x->AsPort()->_sourcesStamp = system->_modificationStamp;
-  system->_connectionStamp = system->_modificationStamp;
+  x->AsPort()->_sourcesStamp = NodeSystemTestProbe::Stamps(*system)._modificationStamp;
+  NodeSystemTestProbe::StampConnectionChange(*system);
   EXPECT_EQ(system->GetModifications(start), MODIFIED::NODE_MASK | MODIFIED::CONNECTION_MASK);
   std::vector<std::pair<std::string, MODIFIED>> seen;
   auto collect = [&](const GNode& n, MODIFIED what) -> Result<bool> {

@@ -2,6 +2,7 @@
 // again, queue order, the port passes and how work spreads along wires, and
 // garbage.
 
+#include "node_system_probe.h"
 #include "validation/validation_queue.h"
 #include "validation_test_support.h"
 
@@ -17,10 +18,11 @@ class Driver : public ::testing::Test {
   void SetUp() override {
     stages.validateTopology = [this](NodeSystemImpl& sys) -> Result<void> {
       ORVIX_TRY(Step("topology"));
-      ORVIX_TRY_ASSIGN(sys._topology, NewRef<TopologyData>());
+      ORVIX_TRY_ASSIGN(Ref<TopologyData> topology, NewRef<TopologyData>());
       for (const char* port : {"a>o", "b<i", "b>o", "c<i"}) {
-        sys._topology->_portIndices[P(port)] = sys._topology->_indexCount++;
+        topology->_portIndices[P(port)] = topology->_indexCount++;
       }
+      NodeSystemTestProbe::SetTopology(sys, std::move(topology));
       return Ok();
     };
     stages.validatePort = [this](NodeSystemImpl& sys, GNode& port, GFI direction) {
@@ -85,8 +87,8 @@ TEST_F(Driver, TheEndRunsItsStepsInOrderAndAFailedOneAgainAtTheNextEnd) {
     failing = row.failing;
     EXPECT_EQ(Message(s->EndModification(nullptr, FINALIZE_FLAGS::CLEANUP)),
               row.failing + " failed");
-    EXPECT_TRUE(s->_mutable);
-    EXPECT_EQ(s->_portValidation, nullptr);
+    EXPECT_TRUE(NodeSystemTestProbe::IsMutable(*s));
+    EXPECT_EQ(NodeSystemTestProbe::Validation(*s)._portValidation, nullptr);
     EXPECT_EQ(ModifiedOf(*s, "c<i") & bits, row.kept);
     log.push_back("|");
     failing.clear();
@@ -160,7 +162,7 @@ TEST_F(Driver, GarbageIsSkippedByTheStagesAndFreedAtTheEnd) {
   s->GetMutable(c, NODE_KIND::NODE).Value()->children.Erase(InternedId::Get("c"));
   ASSERT_TRUE(s->EndModification(nullptr, FINALIZE_FLAGS::CLEANUP));
   EXPECT_EQ(inherited, Strings{"b<i"});
-  EXPECT_EQ(s->_firstModified, g_modifiedListEnd);
+  EXPECT_EQ(NodeSystemTestProbe::Validation(*s)._firstModified, g_modifiedListEnd);
   EXPECT_TRUE(s->IsFinalized());
 }
 
@@ -176,11 +178,11 @@ TEST_F(Driver, NewAttributeBitsQueueTheNeighboursAndTheOtherDirection) {
     }));
     return ports;
   };
-  const uint64_t count = s->_topology->GetIndexCount();
+  const uint64_t count = NodeSystemTestProbe::Validation(*s)._topology->GetIndexCount();
   ValidationQueue inherited(*s, false, count), synthesized(*s, true, count);
   AttributeSetup setup{&inherited, &synthesized, DERIVATION_DIRECTION::SYNTHESIZED};
-  s->_attribSetup = &setup;
-  s->_validationMask = ToBits(MODIFIED_AV_ALL);
+  NodeSystemTestProbe::SetAttributeSetup(*s, &setup);
+  NodeSystemTestProbe::SetValidationMask(*s, ToBits(MODIFIED_AV_ALL));
   Mark(*s, "b<i", MODIFIED_AV_ATTRIBUTES);
   Mark(*s, "b<i", MODIFIED_AV_ATTRIBUTES | MODIFIED_SAV_ATTRIBUTES);  // nothing new in the mask
   EXPECT_EQ(drain(inherited), Strings{"b<i"});                        // b<i has no targets
@@ -188,11 +190,11 @@ TEST_F(Driver, NewAttributeBitsQueueTheNeighboursAndTheOtherDirection) {
   // With induced dependencies in the mask every touch counts, even one that adds no bit.
   ValidationQueue inducedInherited(*s, false, count), inducedSynthesized(*s, true, count);
   setup = {&inducedInherited, &inducedSynthesized, DERIVATION_DIRECTION::NONE};
-  s->_validationMask = ToBits(MODIFIED_SAV_ALL | INDUCED_DEPENDENCIES);
+  NodeSystemTestProbe::SetValidationMask(*s, ToBits(MODIFIED_SAV_ALL | INDUCED_DEPENDENCIES));
   Mark(*s, "b<i", MODIFIED_SAV_ATTRIBUTES);
   EXPECT_EQ(drain(inducedInherited), Strings{});
   EXPECT_EQ(drain(inducedSynthesized), Strings{"a>o"});
-  s->_attribSetup = nullptr;
+  NodeSystemTestProbe::SetAttributeSetup(*s, nullptr);
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 // The modification bracket: states, the reference test, the copy-on-write
 // entry, and the messages of each misuse.
 
+#include "node_system_probe.h"
 #include "orvix/nodes/config_variables.h"
 #include "orvix/nodes/modification.h"
 #include "validation_test_support.h"
@@ -11,8 +12,9 @@ namespace {
 // The state in four letters: Initialized, Mutable, Validated, Finalized, or
 // '-' where one doesn't hold.
 std::string StateOf(const NodeSystemImpl& s) {
-  return std::string(s.IsInitialized() ? "I" : "-") + (s._mutable ? "M" : "-") +
-         (s.IsValidated() ? "V" : "-") + (s.IsFinalized() ? "F" : "-");
+  return std::string(s.IsInitialized() ? "I" : "-") +
+         (NodeSystemTestProbe::IsMutable(s) ? "M" : "-") + (s.IsValidated() ? "V" : "-") +
+         (s.IsFinalized() ? "F" : "-");
 }
 
 // A template that never instantiates; it only names systems.
@@ -35,7 +37,7 @@ TEST(LifeCycle, StatesAlongTheBracketAndWhatASuccessfulEndClears) {
   EXPECT_EQ(StateOf(*s), "IM--");
   ASSERT_TRUE(s->EndModification(nullptr, FINALIZE_FLAGS::CLEANUP));
   EXPECT_EQ(StateOf(*s), "I-VF");
-  EXPECT_EQ(Listed(s->_firstModified), Strings{});
+  EXPECT_EQ(Listed(NodeSystemTestProbe::Validation(*s)._firstModified), Strings{});
   for (const char* path : {"a", "a<in", "a<in/x", "a>out"}) {
     EXPECT_EQ(ModifiedOf(*s, path), GFI::NONE) << path;
   }
@@ -56,7 +58,7 @@ TEST(LifeCycle, MessagesOfMisuse) {
   EXPECT_EQ(Message(s->EndModification(nullptr, FINALIZE_FLAGS::CLEANUP)), notMutable);
   ASSERT_TRUE(s->BeginModification());
   EXPECT_EQ(Message(s->BeginModification()), already);
-  EXPECT_TRUE(s->_mutable);  // the first modification runs on
+  EXPECT_TRUE(NodeSystemTestProbe::IsMutable(*s));  // the first modification runs on
   GNode root = s->GetRoot();
   EXPECT_EQ(Message(s->AddChildRecord(root, NODE_KIND::NODE, InternedId(), GNode(), GFI::NONE)),
             "You have to provide a valid id for the node if no base data is given.");
@@ -64,7 +66,7 @@ TEST(LifeCycle, MessagesOfMisuse) {
   Add(*s, {"a"});
   EXPECT_EQ(Message(s->EndModification(nullptr, FINALIZE_FLAGS::NONE)),
             "Illegal state: Condition IsValidated() not fulfilled. ");
-  EXPECT_TRUE(s->_mutable);
+  EXPECT_TRUE(NodeSystemTestProbe::IsMutable(*s));
   ASSERT_TRUE(s->Validate(nullptr));
   EXPECT_TRUE(s->EndModification(nullptr, FINALIZE_FLAGS::NONE));
   EXPECT_EQ(Message(s->EndModification(nullptr, FINALIZE_FLAGS::NONE)), notMutable);
@@ -93,7 +95,7 @@ TEST(LifeCycle, ASharedSystemIsRefusedByTheImplementationAndCopiedByThePublicEnt
   Result<MutableRoot> root = BeginModification(shared, true);
   ASSERT_TRUE(root) << Message(root);
   EXPECT_NE(root->_system.Get(), static_cast<NodeSystem*>(impl.Get()));
-  EXPECT_FALSE(impl->_mutable);
+  EXPECT_FALSE(NodeSystemTestProbe::IsMutable(*impl));
 }
 
 // The obvious code is the fast code: a successful end hands the system over
@@ -140,7 +142,7 @@ TEST(LifeCycle, TheConnectionTestRunsAtTheEndWhenSwitchedOn) {
                                               CONNECTION_DIRECTION::SOURCE)));
   EXPECT_EQ(Message(s->EndModification(nullptr, FINALIZE_FLAGS::CLEANUP)),
             "Reverse connection from a>out to b<in not found.");
-  EXPECT_FALSE(s->_mutable);
+  EXPECT_FALSE(NodeSystemTestProbe::IsMutable(*s));
   g_testGetConnections.Reset();
 }
 

@@ -5,6 +5,7 @@
 
 #include <map>
 
+#include "node_system_probe.h"
 #include "validation_test_support.h"
 
 namespace orvix::nodes::test {
@@ -67,7 +68,8 @@ RC_GTEST_PROP(ModifiedListsProperty, RandomTouchesAndClearsKeepTheListsExact, ()
     }
     std::map<const NodeInfo*, int> seen;
     GFI word = GFI::NONE;
-    for (NodeInfo* r = s->_firstModified; r != g_modifiedListEnd; r = r->_nextModified) {
+    for (NodeInfo* r = NodeSystemTestProbe::Validation(*s)._firstModified; r != g_modifiedListEnd;
+         r = r->_nextModified) {
       RC_ASSERT(++seen[r] == 1);
       RC_ASSERT(!r->_path.GetCount() || !HasAny(r->GetKind(), NODE_KIND::PORT_MASK) ||
                 r->_path.IsTopLevelPort());
@@ -84,14 +86,15 @@ RC_GTEST_PROP(ModifiedListsProperty, RandomTouchesAndClearsKeepTheListsExact, ()
       RC_ASSERT(HasAny(r->flags, MODIFIED_MASK));
       word |= r->flags & MODIFIED_MASK;
     }
-    RC_ASSERT(s->_systemFlags == word);
+    RC_ASSERT(NodeSystemTestProbe::Validation(*s)._systemFlags == word);
     for (const std::string& p : paths) {
       const NodeInfo* r = s->FindNode(P(p)).info;
       RC_ASSERT(HasAny(r->flags, MODIFIED_MASK) == (seen.count(r) == 1));
     }
   }
   s->ClearModified(MODIFIED_MASK);
-  RC_ASSERT(s->_firstModified == g_modifiedListEnd && s->IsFinalized());
+  RC_ASSERT(NodeSystemTestProbe::Validation(*s)._firstModified == g_modifiedListEnd &&
+            s->IsFinalized());
 }
 
 // A node a with the input a<in (nested x, x/y, z) and the output a>out.
@@ -107,7 +110,8 @@ TEST(ModifiedLists, NewRecordsGoToTheFrontOfTheirListOnceAndGarbageWaitsThereFor
   Mark(*s, "<", MODIFIED_PV_CHILDREN);
   Mark(*s, "a", MODIFIED_AV_ATTRIBUTES);  // already listed: stays where it is
   Mark(*s, "a>out", MODIFIED_AV_ATTRIBUTES);
-  EXPECT_EQ(Listed(s->_firstModified), (Strings{"a>out", "<", "a<in", "a"}));
+  EXPECT_EQ(Listed(NodeSystemTestProbe::Validation(*s)._firstModified),
+            (Strings{"a>out", "<", "a<in", "a"}));
   const PortRecord* in = s->FindNode(P("a<in")).info->AsPort();
   EXPECT_EQ(Listed(in->_firstNestedModified), (Strings{"a<in/z", "a<in/x/y"}));
 
@@ -119,11 +123,12 @@ TEST(ModifiedLists, NewRecordsGoToTheFrontOfTheirListOnceAndGarbageWaitsThereFor
   // The removal marks the top-level port and the system word itself, so the
   // garbage pass walks the nested list and the system isn't finalized early.
   EXPECT_TRUE(HasAny(ModifiedOf(*s, "a<in"), MODIFIED_G_NESTED_GARBAGE));
-  EXPECT_TRUE(HasAll(s->_systemFlags, MODIFIED_G_GARBAGE | MODIFIED_G_NESTED_GARBAGE));
+  EXPECT_TRUE(HasAll(NodeSystemTestProbe::Validation(*s)._systemFlags,
+                     MODIFIED_G_GARBAGE | MODIFIED_G_NESTED_GARBAGE));
   ASSERT_TRUE(s->Validate(nullptr));
   EXPECT_FALSE(s->IsFinalized());
   ASSERT_TRUE(s->PurgeGarbage());  // the sanitizer sees a leak or a double free
-  EXPECT_EQ(s->_firstModified, g_modifiedListEnd);
+  EXPECT_EQ(NodeSystemTestProbe::Validation(*s)._firstModified, g_modifiedListEnd);
   EXPECT_TRUE(s->IsFinalized());
 }
 

@@ -9,9 +9,11 @@
 #include <string_view>
 #include <vector>
 
+#include "node_system_probe.h"
 #include "orvix/graph/node_path.h"
 #include "orvix/nodes/modified_bits_probe.h"
 #include "store/node_system_impl.h"
+#include "validation/validation_stages.h"
 
 namespace orvix::nodes::test {
 
@@ -31,7 +33,7 @@ std::string Message(const Result<T>& r) {
 // A finalized empty system of the default class, with `stages` installed.
 inline Ref<NodeSystemImpl> NewSystem(const ValidationStages* stages = nullptr) {
   Ref<NodeSystemImpl> system = MakeRef<NodeSystemImpl>();
-  system->_stages = stages;
+  NodeSystemTestProbe::InstallStages(*system, stages);
   EXPECT_TRUE(system->Init(CreateDefaultNodeSystemClass().Value()));
   return system;
 }

@@ -12,6 +12,7 @@
 #include "orvix/host/error.h"
 #include "orvix/host/format.h"
 #include "store/node_system_impl.h"
+#include "validation/validation_stages.h"
 
 namespace orvix::nodes {
 
@@ -87,8 +88,7 @@ AttributeRecord* FindOwn(NodeInfo* info, InternedId id) {
 // Reads
 
 const Data* NodeSystemImpl::GetStoredValue(const NodeInfo* record, const NodeSystemImpl* system,
-                                           InternedId id, bool includeErased,
-                                           ValueHolder* holder) {
+                                           InternedId id, bool includeErased, ValueHolder* holder) {
   const SpecialIds& ids = Ids();
   if (id == ids.isShortcutStop) {
     if (holder) *holder = {record, system};
@@ -113,13 +113,14 @@ const Data* NodeSystemImpl::GetStoredValue(const NodeInfo* record, const NodeSys
   return nullptr;
 }
 
-Result<const Data*> NodeSystemImpl::GetValue(const GNode& node, InternedId id,
-                                             int64_t* prefixCount, bool ownOnly) const {
+Result<const Data*> NodeSystemImpl::GetValue(const GNode& node, InternedId id, int64_t* prefixCount,
+                                             bool ownOnly) const {
   GNode scratch;
   ORVIX_TRY_ASSIGN(const GNode* current, Current(node, scratch));
   const GNode& handle = *current;
-  if (_attribSetup && _stages && _stages->readRule) {
-    ORVIX_TRY_ASSIGN(std::optional<const Data*> ruled, _stages->readRule(*this, handle, id));
+  if (_attributes._attribSetup && _validation._stages && _validation._stages->readRule) {
+    ORVIX_TRY_ASSIGN(std::optional<const Data*> ruled,
+                     _validation._stages->readRule(*this, handle, id));
     if (ruled) {
       if (prefixCount) *prefixCount = 0;
       return *ruled ? *ruled : &EmptyData();
@@ -132,11 +133,11 @@ Result<const Data*> NodeSystemImpl::GetValue(const GNode& node, InternedId id,
 
   // A value handed out during a modification must outlive later writes of
   // its table: the record says so, and the next write copies the table.
-  if (_mutable && !_attribSetup && !_loadContext && holder.system == this && holder.record &&
-      _nodes->HasSingleOwner() &&
+  if (_store._mutable && !_attributes._attribSetup && !_store._loadContext &&
+      holder.system == this && holder.record && _store._nodes->HasSingleOwner() &&
       !holder.record->HasFlags(GFI::MODIFIED_G_VALUES_MIGHT_BE_REFERENCED)) {
     const NodePath& path = holder.record->_path;
-    const NodeMap::Entry* entry = _nodes->FindInLayer(path.GetHashCode(), path.ToBlock());
+    const NodeMap::Entry* entry = _store._nodes->FindInLayer(path.GetHashCode(), path.ToBlock());
     if (entry && entry->IsPublished()) {
       if (entry->info != holder.record) {
         return ConditionError(CONDITION_KIND::ASSERTION, "d == data.ptr");
@@ -144,7 +145,7 @@ Result<const Data*> NodeSystemImpl::GetValue(const GNode& node, InternedId id,
       // The bracket's single owner is the caller: marking is part of the
       // modification it runs, not a change of what readers see.
       auto* self = const_cast<NodeSystemImpl*>(this);
-      GNode marked(path, entry->info, self, _movedStamp);
+      GNode marked(path, entry->info, self, _stamps._movedStamp);
       ORVIX_TRY(self->SetModified(marked, GFI::MODIFIED_G_VALUES_MIGHT_BE_REFERENCED));
     }
   }
@@ -217,7 +218,7 @@ Result<bool> NodeSystemImpl::EnumerateChangedValues(const GNode& node, uint64_t 
       if (!record->attributes) continue;
       for (const AttributeRecord& r : record->attributes->records) {
         if (!seen.insert(r.id).second) continue;
-        const bool changed = system == this ? r.stamp > stamp : _completeStamp > stamp;
+        const bool changed = system == this ? r.stamp > stamp : _stamps._completeStamp > stamp;
         if (!changed) continue;
         ORVIX_TRY_ASSIGN(bool goOn, callback(r.id, r.value));
         if (!goOn) return false;
@@ -238,7 +239,7 @@ Result<uint64_t> NodeSystemImpl::GetValueStamp(const GNode& node, InternedId id)
   if (holder.record && holder.system == this && holder.record->attributes) {
     if (const AttributeRecord* r = holder.record->attributes->records.Find(id)) stamp = r->stamp;
   }
-  return std::max(stamp, _completeStamp);
+  return std::max(stamp, _stamps._completeStamp);
 }
 
 Result<uint64_t> NodeSystemImpl::GetConnectionStamp(const GNode& node, PORT_DIR direction) const {
@@ -250,20 +251,20 @@ Result<uint64_t> NodeSystemImpl::GetConnectionStamp(const GNode& node, PORT_DIR 
       stamp = direction == PORT_DIR::INPUT ? port->_sourcesStamp : port->_targetsStamp;
     }
   }
-  return std::max(stamp, _completeStamp);
+  return std::max(stamp, _stamps._completeStamp);
 }
 
 // ---------------------------------------------------------------------------
 // Writes
 
 ATTRIBUTE_FLAGS NodeSystemImpl::_AttributeFlags(InternedId id) const {
-  return _class ? _class->GetAttributeFlags(id) : ATTRIBUTE_FLAGS::DIRECT;
+  return _classState._class ? _classState._class->GetAttributeFlags(id) : ATTRIBUTE_FLAGS::DIRECT;
 }
 
 Ref<DerivedAttribute> NodeSystemImpl::_DerivedAttribute(InternedId id) const {
-  if (!_class) return Ref<DerivedAttribute>();
+  if (!_classState._class) return Ref<DerivedAttribute>();
   // Registered attributes that validation doesn't derive are plain ones.
-  const Ref<GraphAttribute> attribute = _class->GetDerivedAttribute(id);
+  const Ref<GraphAttribute> attribute = _classState._class->GetDerivedAttribute(id);
   return Ref<DerivedAttribute>(dynamic_cast<DerivedAttribute*>(attribute.Get()));
 }
 
@@ -294,11 +295,11 @@ Result<AttributeRecord*> NodeSystemImpl::_RefindRecord(NodeInfo* info, InternedI
 
 Result<void> NodeSystemImpl::_TellClass(const GNode& node, InternedId id, ATTRIBUTE_FLAGS flags,
                                         const Data& newValue, const Data& oldValue) {
-  if (!_class) return Ok();
-  ORVIX_TRY_ASSIGN(uint64_t told,
-                   _class->AttributeChanged(*this, node, id, flags, newValue, oldValue));
-  if (told & ToBits(MODIFIED::SPECIAL0)) _special0Stamp = _modificationStamp;
-  if (told & ToBits(MODIFIED::SPECIAL1)) _special1Stamp = _modificationStamp;
+  if (!_classState._class) return Ok();
+  ORVIX_TRY_ASSIGN(uint64_t told, _classState._class->AttributeChanged(*this, node, id, flags,
+                                                                       newValue, oldValue));
+  if (told & ToBits(MODIFIED::SPECIAL0)) _stamps._special0Stamp = _stamps._modificationStamp;
+  if (told & ToBits(MODIFIED::SPECIAL1)) _stamps._special1Stamp = _stamps._modificationStamp;
   return Ok();
 }
 
@@ -311,7 +312,7 @@ Result<AttributeTable*> NodeSystemImpl::_PrepareTable(NodeInfo* info) {
       // is, until the modification ends.
       Ref<AttributeTable> fresh = MakeRef<AttributeTable>();
       fresh->records = info->attributes->records;
-      _retiredTables.push_back(info->attributes);
+      _attributes._retiredTables.push_back(info->attributes);
       info->attributes = std::move(fresh);
       info->flags &= ~GFI::MODIFIED_G_VALUES_MIGHT_BE_REFERENCED;
     }
@@ -322,7 +323,8 @@ Result<AttributeTable*> NodeSystemImpl::_PrepareTable(NodeInfo* info) {
 }
 
 Result<void> NodeSystemImpl::_ApplyWriteRule(const GNode& node, InternedId id) {
-  if (_attribSetup && _stages && _stages->writeRule) return _stages->writeRule(*this, node, id);
+  if (_attributes._attribSetup && _validation._stages && _validation._stages->writeRule)
+    return _validation._stages->writeRule(*this, node, id);
   return Ok();
 }
 
@@ -340,23 +342,24 @@ Result<void> NodeSystemImpl::NoteValueChanged(GNode& node, InternedId id, ATTRIB
   static_cast<void>(derived);
   ORVIX_TRY(_ApplyWriteRule(node, id));
   const bool meta = HasAny(flags, ATTRIBUTE_FLAGS::META);
-  (meta ? _metaAttributeStamp : _attributeStamp) = _modificationStamp;
-  if (attribute) attribute->stamp = _modificationStamp;
-  if (!_attribSetup) {
+  (meta ? _stamps._metaAttributeStamp : _stamps._attributeStamp) = _stamps._modificationStamp;
+  if (attribute) attribute->stamp = _stamps._modificationStamp;
+  if (!_attributes._attribSetup) {
     if (attribute && attribute->IsDerived()) {
       return ConditionError(CONDITION_KIND::ASSERTION, "!(d && d->IsDerived())");
     }
-    (meta ? info->_metaAttributeStamp : info->_directAttributeStamp) = _modificationStamp;
-    const GFI bits = _derivedAttributes ? _derivedAttributes->GetBits(id) : GFI::NONE;
+    (meta ? info->_metaAttributeStamp : info->_directAttributeStamp) = _stamps._modificationStamp;
+    const GFI bits =
+        _attributes._derivedAttributes ? _attributes._derivedAttributes->GetBits(id) : GFI::NONE;
     if (bits != GFI::NONE) ORVIX_TRY(SetModified(node, bits));
     return Ok();
   }
-  const bool synthesized = _attribSetup->deriving == DERIVATION_DIRECTION::SYNTHESIZED;
+  const bool synthesized = _attributes._attribSetup->deriving == DERIVATION_DIRECTION::SYNTHESIZED;
   (synthesized ? info->_synthesizedAttributeStamp : info->_inheritedAttributeStamp) =
-      _modificationStamp;
-  if (attribute) attribute->derivedStamp = _modificationStamp;
-  const GFI watched =
-      GFI(_validationMask) & (GFI::MODIFIED_AV_ATTRIBUTES | GFI::MODIFIED_SAV_ATTRIBUTES);
+      _stamps._modificationStamp;
+  if (attribute) attribute->derivedStamp = _stamps._modificationStamp;
+  const GFI watched = GFI(_validation._validationMask) &
+                      (GFI::MODIFIED_AV_ATTRIBUTES | GFI::MODIFIED_SAV_ATTRIBUTES);
   ORVIX_TRY(SetModified(node, GFI::MODIFIED_SAV_ATTRIBUTES | watched));
   return Ok();
 }
@@ -413,8 +416,7 @@ Result<bool> NodeSystemImpl::SetValue(const GNode& node, InternedId id, Data val
     ValueHolder holder;
     below = start ? GetStoredValue(start, startSystem, id, false, &holder) : nullptr;
     bool same = false;
-    if (below && holder.record &&
-        handle.path.GetCount() != holder.record->_path.GetCount()) {
+    if (below && holder.record && handle.path.GetCount() != holder.record->_path.GetCount()) {
       same = derived->IsEqual(value, handle, *below, PrefixOf(*this, handle, holder, false));
     } else {
       same = below && *below == value;
@@ -424,7 +426,7 @@ Result<bool> NodeSystemImpl::SetValue(const GNode& node, InternedId id, Data val
   bool equal = false;
   if (ownRecord) {
     equal = handle.info->attributes->records.Find(id)->value == value;
-    if (equal && !_attribSetup) return false;
+    if (equal && !_attributes._attribSetup) return false;
   }
 
   ORVIX_TRY_ASSIGN(NodeInfo * info, GetMutable(handle, NODE_KIND::NONE));
@@ -432,7 +434,7 @@ Result<bool> NodeSystemImpl::SetValue(const GNode& node, InternedId id, Data val
   bool inserted = false;
   ORVIX_TRY_ASSIGN(AttributeRecord * attribute, _FindOrInsertRecord(info, id, flags, &inserted));
   if (equal) {
-    if (direct && _attribSetup) attribute->stamp = _modificationStamp;
+    if (direct && _attributes._attribSetup) attribute->stamp = _stamps._modificationStamp;
     return false;
   }
 
@@ -464,7 +466,7 @@ Result<void> NodeSystemImpl::TouchValue(const GNode& node, InternedId id, Change
   ORVIX_TRY(CheckModification(true));
   GNode handle = node;
   ORVIX_TRY(Resolve(handle));
-  if (_attribSetup) {
+  if (_attributes._attribSetup) {
     return Error(ERROR_CLASS::ILLEGAL_STATE,
                  "TouchValue must not be called for a derived attribute.");
   }
@@ -515,7 +517,7 @@ Result<bool> NodeSystemImpl::EraseValue(const GNode& node, InternedId id, Change
   bool onlyTouchNeeded = false;
   if (found->IsEmpty()) {
     const bool own = holder.record == handle.info && holder.system == this;
-    if (!(_attribSetup && own)) return false;
+    if (!(_attributes._attribSetup && own)) return false;
     onlyTouchNeeded = true;
   }
   Data old = *found;
@@ -526,8 +528,9 @@ Result<bool> NodeSystemImpl::EraseValue(const GNode& node, InternedId id, Change
   bool inserted = false;
   ORVIX_TRY_ASSIGN(AttributeRecord * attribute, _FindOrInsertRecord(info, id, flags, &inserted));
   if (!inserted && attribute->value.IsEmpty()) {
-    if (!_attribSetup) return ConditionError(CONDITION_KIND::ASSERTION, "!onlyTouchNeeded");
-    attribute->stamp = _modificationStamp;
+    if (!_attributes._attribSetup)
+      return ConditionError(CONDITION_KIND::ASSERTION, "!onlyTouchNeeded");
+    attribute->stamp = _stamps._modificationStamp;
     return true;
   }
   if (onlyTouchNeeded) return ConditionError(CONDITION_KIND::ASSERTION, "!onlyTouchNeeded");
@@ -570,7 +573,7 @@ Result<void> NodeSystemImpl::SetSubData(const GNode& node, InternedId id,
     return std::move(changed).GetError();
   }
   if (!inserted && !*changed) {
-    if (_attribSetup) attribute->stamp = _modificationStamp;
+    if (_attributes._attribSetup) attribute->stamp = _stamps._modificationStamp;
     return Ok();
   }
   return NoteValueChanged(handle, id, flags, derived.Get(), info, attribute);

@@ -13,8 +13,7 @@ namespace {
 // The nested system of the child node that `path` leads into; null for the
 // root and the root's ports, or a node without a base system. `isNode` tells
 // whether the path leads into a child node at all.
-NodeSystemImpl* ChildBaseSystem(const NodeSystemImpl& system, const NodePath& path,
-                                bool* isNode) {
+NodeSystemImpl* ChildBaseSystem(const NodeSystemImpl& system, const NodePath& path, bool* isNode) {
   const InternedId first = path.GetPart(0);
   *isNode = first.IsPopulated() && !NodePath::IsPortListPart(first);
   if (!*isNode) return nullptr;
@@ -26,14 +25,15 @@ NodeSystemImpl* ChildBaseSystem(const NodeSystemImpl& system, const NodePath& pa
 }  // namespace
 
 Ref<NodeSystemDerivationHandler> NodeSystemImpl::GetDerivationHandler() const {
-  return _derivationHandler ? _derivationHandler : NodeSystemDerivationHandlerBase::GetDefault();
+  return _classState._derivationHandler ? _classState._derivationHandler
+                                        : NodeSystemDerivationHandlerBase::GetDefault();
 }
 
 Result<void> NodeSystemImpl::SetDerivationHandler(Ref<NodeSystemDerivationHandler> handler) {
   if (!handler) return ConditionError(CONDITION_KIND::ILLEGAL_ARGUMENT, "handler");
   // A shared system is read by other threads without locks.
   ORVIX_TRY(CheckModification(false));
-  _derivationHandler = std::move(handler);
+  _classState._derivationHandler = std::move(handler);
   return Ok();
 }
 
@@ -55,17 +55,17 @@ Result<void> NodeSystemImpl::SetTemplate(const NodeTemplate* nodeTemplate,
   }
   // Templates are immutable in all that a system asks of them; the reference
   // is a plain one only because templates are handed out so everywhere.
-  _template = Ref<NodeTemplate>(const_cast<NodeTemplate*>(nodeTemplate));
-  _templateArguments = nodeTemplate ? std::move(arguments) : Ref<TemplateArguments>();
-  _templateOwner = std::move(weakOwner);
+  _classState._template = Ref<NodeTemplate>(const_cast<NodeTemplate*>(nodeTemplate));
+  _classState._templateArguments = nodeTemplate ? std::move(arguments) : Ref<TemplateArguments>();
+  _classState._templateOwner = std::move(weakOwner);
   return Ok();
 }
 
 Result<Ref<NodeTemplate>> NodeSystemImpl::GetNodeTemplate(const NodePath& path) const {
   bool isNode = false;
   const NodeSystemImpl* base = ChildBaseSystem(*this, path, &isNode);
-  if (!isNode) return _template;
-  return base ? base->_template : Ref<NodeTemplate>();
+  if (!isNode) return _classState._template;
+  return base ? base->_classState._template : Ref<NodeTemplate>();
 }
 
 Result<Ref<NodeSystemDerivationHandler>> NodeSystemImpl::GetNodeDerivationHandler(

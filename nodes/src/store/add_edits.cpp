@@ -78,8 +78,9 @@ Result<GNode> NodeSystemImpl::AddChildRecord(GNode& parent, NODE_KIND kind, Inte
     record = &parentInfo->children.FindOrInsert(id, &isNew, true);
     if (wasSorted && !parentInfo->children.IsSorted()) {
       try {
-        if (!_unsortedChildTables) _unsortedChildTables = std::make_unique<std::vector<NodePath>>();
-        _unsortedChildTables->push_back(parent.path);
+        if (!_store._unsortedChildTables)
+          _store._unsortedChildTables = std::make_unique<std::vector<NodePath>>();
+        _store._unsortedChildTables->push_back(parent.path);
       } catch (const std::bad_alloc&) {
         parentInfo->children.Sort();
         record = parentInfo->children.FindForWriting(id);
@@ -121,8 +122,8 @@ Result<GNode> NodeSystemImpl::AddChildRecord(GNode& parent, NODE_KIND kind, Inte
     return std::move(made).GetError();
   }
   NodeInfo* info = *made;
-  info->_addedStamp = _modificationStamp;
-  _structureStamp = _modificationStamp;
+  info->_addedStamp = _stamps._modificationStamp;
+  _stamps._structureStamp = _stamps._modificationStamp;
   info->flags |= (parentInfo->flags & GFI::INHERIT_FROM_PARENT_MASK) | flags;
   // Marking a nested port fetches its top-level port for writing, which may
   // fail; an element that validation would never visit must not stay.
@@ -158,8 +159,8 @@ void NodeSystemImpl::TakeBackAdd(GNode& parent, InternedId id, bool inserted) no
 // ---------------------------------------------------------------------------
 // Ports
 
-Result<GNode> NodeSystemImpl::AddPort(const GNode& parent, std::string_view id,
-                                      GNODE_FLAGS flags, ChangeList* changeList) {
+Result<GNode> NodeSystemImpl::AddPort(const GNode& parent, std::string_view id, GNODE_FLAGS flags,
+                                      ChangeList* changeList) {
   ORVIX_TRY_ASSIGN(InternedId portId, InternIdOrNull(id));
   return AddPortImpl(parent, portId, ToImplFlags(flags), changeList);
 }
@@ -183,10 +184,10 @@ Result<GNode> NodeSystemImpl::AddPortImpl(const GNode& parent, InternedId id,
                                "nested node.",
                                id, owner.path));
   }
-  const NODE_KIND portKind = HasAny(kind, NODE_KIND::IN_MASK) ? NODE_KIND::INPORT
-                                                              : NODE_KIND::OUTPORT;
-  ORVIX_TRY_ASSIGN(GNode port, AddChildRecord(owner, portKind, id, GNode(),
-                                              flags | GFI::DIRECT_PORT));
+  const NODE_KIND portKind =
+      HasAny(kind, NODE_KIND::IN_MASK) ? NODE_KIND::INPORT : NODE_KIND::OUTPORT;
+  ORVIX_TRY_ASSIGN(GNode port,
+                   AddChildRecord(owner, portKind, id, GNode(), flags | GFI::DIRECT_PORT));
   if (port.path.IsTopLevelPort()) ORVIX_TRY(SetModified(port, GFI::MODIFIED_TOPOLOGY));
   return port;
 }
@@ -214,10 +215,10 @@ Result<GNode> NodeSystemImpl::AddNode(InternedId id, Ref<NodeSystem> system,
   }
   // Asking a system under modification to end as a group would close the
   // bracket of whoever edits it, even one opened but not edited yet.
-  if (!content->IsFinalized() || content->_mutable) return notValidated();
+  if (!content->IsFinalized() || content->_store._mutable) return notValidated();
   // A system that no template made becomes the node's own: a private copy
   // that its class may finish as a group.
-  if (!content->_template) {
+  if (!content->_classState._template) {
     ORVIX_TRY_ASSIGN(MutableRoot privateRoot, nodes::BeginModification(system, false));
     ORVIX_TRY_ASSIGN(system, privateRoot.EndModification(nullptr, FINALIZE_FLAGS::FOR_GROUP));
     content = static_cast<NodeSystemImpl*>(system.Get());
@@ -225,13 +226,14 @@ Result<GNode> NodeSystemImpl::AddNode(InternedId id, Ref<NodeSystem> system,
 
   ORVIX_TRY(CheckModification(true));
   if (!content->IsFinalized()) return notValidated();
-  const std::string_view expected = _class ? _class->GetClassId() : std::string_view();
-  const std::string_view given = content->_class ? content->_class->GetClassId()
-                                                 : std::string_view();
+  const std::string_view expected =
+      _classState._class ? _classState._class->GetClassId() : std::string_view();
+  const std::string_view given =
+      content->_classState._class ? content->_classState._class->GetClassId() : std::string_view();
   if (given != expected) {
-    return Error(ERROR_CLASS::ILLEGAL_ARGUMENT,
-                 FormatMessage("Node system to add has node system class @, expected @.", given,
-                               expected));
+    return Error(
+        ERROR_CLASS::ILLEGAL_ARGUMENT,
+        FormatMessage("Node system to add has node system class @, expected @.", given, expected));
   }
   // The topological results of the content are computed once topology
   // validation is installed; a content without them has nothing to finish.
@@ -239,29 +241,31 @@ Result<GNode> NodeSystemImpl::AddNode(InternedId id, Ref<NodeSystem> system,
   GNode root = GetRoot();
   const GNode contentRoot = content->GetRoot();
   bool inserted = false;
-  ORVIX_TRY_ASSIGN(GNode node, AddChildRecord(root, NODE_KIND::NODE, id, contentRoot, GFI::NONE,
-                                              &inserted));
+  ORVIX_TRY_ASSIGN(GNode node,
+                   AddChildRecord(root, NODE_KIND::NODE, id, contentRoot, GFI::NONE, &inserted));
   // From here on the node is in the tree. Each later step may run out of
   // memory; the node then goes again with every record the add made, so that
   // the edit is all or nothing.
   std::vector<NodePath> made;
   std::vector<NodePath> loopKeys;
-  const uint64_t oldLevel = _level;
+  const uint64_t oldLevel = _store._level;
   auto takeBack = [&](Error error) -> Error {
-    for (const NodePath& key : loopKeys) _loopDependencies.erase(key);
+    if (LoopTables* loops = _attributes._loops.get()) {
+      for (const NodePath& key : loopKeys) loops->_loopDependencies.erase(key);
+    }
     for (auto it = made.rbegin(); it != made.rend(); ++it) DropAddedRecord(*it);
     DropAddedRecord(node.path);
     TakeBackAdd(root, id, inserted);
-    _level = oldLevel;
+    _store._level = oldLevel;
     return error;
   };
-  if (_level <= content->_level) _level = content->_level + 1;
+  if (_store._level <= content->_store._level) _store._level = content->_store._level + 1;
   if (Result<void> marked = SetModified(node, GFI::MODIFIED_TOPOLOGY); !marked) {
     return takeBack(std::move(marked).GetError());
   }
   NodeRecord* record = node.info->AsNode();
   record->_nestedSystem = system;
-  _mayHideBelow = _mayHideBelow || content->_mayHideBelow;
+  _store._mayHideBelow = _store._mayHideBelow || content->_store._mayHideBelow;
   record->_nestedData = std::move(companion);
   record->flags |= GFI::DIRECT_INSTANCE;
 
@@ -302,21 +306,22 @@ Result<void> NodeSystemImpl::_MarkNewNodeAndTakeItsLoops(GNode& node, const Node
       }
     }
     if (publicCall) {
-      ORVIX_TRY(SetValue(node, CheckUniqueNumberId(),
-                         Data(CHECK_UNIQUE_NUMBER_PENDING), nullptr));
+      ORVIX_TRY(SetValue(node, CheckUniqueNumberId(), Data(CHECK_UNIQUE_NUMBER_PENDING), nullptr));
     }
     // The loop records of the content now live below the node.
-    if (!content._loopDependencies.empty()) {
+    const LoopTables* contentLoops = content.GetLoopTables();
+    if (contentLoops && !contentLoops->_loopDependencies.empty()) {
+      ORVIX_TRY_ASSIGN(LoopTables * loops, _WritableLoopTables());
       const InternedId prefix[] = {node.path.GetLastPart()};
-      loopKeys.reserve(content._loopDependencies.size());
-      for (const auto& [path, loop] : content._loopDependencies) {
+      loopKeys.reserve(contentLoops->_loopDependencies.size());
+      for (const auto& [path, loop] : contentLoops->_loopDependencies) {
         ORVIX_TRY_ASSIGN(NodePath key, path.Prepend(prefix));
         loopKeys.push_back(key);
-        LoopRecord& taken = _loopDependencies[std::move(key)];
+        LoopRecord& taken = loops->_loopDependencies[std::move(key)];
         taken = loop;
-        taken.validationCount = _attribValidationCount;
+        taken.validationCount = _attributes._attribValidationCount;
       }
-      _systemFlags |= GFI::MODIFIED_SAV_LOOP_DEPENDENCIES_CHANGE;
+      _validation._systemFlags |= GFI::MODIFIED_SAV_LOOP_DEPENDENCIES_CHANGE;
     }
   } catch (const std::bad_alloc&) {
     return OutOfMemoryError();

@@ -51,15 +51,16 @@ Result<GNode> NodeSystemImpl::GetFirstChild(const GNode& node, ChildIterator& it
   ORVIX_TRY(Resolve(parent));
   StartChildren(iterator, parent);
   iterator.system = this;
-  iterator.movedStamp = _movedStamp;
-  iterator.createdStamp = _createdStamp;
+  iterator.movedStamp = _stamps._movedStamp;
+  iterator.createdStamp = _stamps._createdStamp;
   iterator.last = InternedId();
   return GetNextChild(iterator);
 }
 
 Result<GNode> NodeSystemImpl::GetNextChild(ChildIterator& iterator) const {
   ORVIX_CHECK_ARGUMENT(iterator.system == this);
-  if (iterator.movedStamp != _movedStamp || iterator.createdStamp != _createdStamp) {
+  if (iterator.movedStamp != _stamps._movedStamp ||
+      iterator.createdStamp != _stamps._createdStamp) {
     // An edit since the last step may have freed or replaced the records the
     // walk points into: start again from the parent, and go on after the
     // child reported last.
@@ -69,8 +70,8 @@ Result<GNode> NodeSystemImpl::GetNextChild(ChildIterator& iterator) const {
     const InternedId last = iterator.last;
     const size_t depth = iterator.depth;
     StartChildren(iterator, parent);
-    iterator.movedStamp = _movedStamp;
-    iterator.createdStamp = _createdStamp;
+    iterator.movedStamp = _stamps._movedStamp;
+    iterator.createdStamp = _stamps._createdStamp;
     iterator.last = last;
     if (last.IsPopulated()) {
       // The same table of the chain, just after the last id: the tables are

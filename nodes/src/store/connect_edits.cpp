@@ -129,7 +129,8 @@ Result<void> NodeSystemImpl::ConnectImpl(const GNode& source, const GNode& targe
   ORVIX_TRY(SetModified(to, TARGET_END_BITS));
   ConnectionTable* fromTable = ConnectionTableOf(fromInfo);
   ConnectionTable* toTable = ConnectionTableOf(toInfo);
-  if (!fromTable || !toTable) return ConditionError(CONDITION_KIND::ASSERTION, "fromTable && toTable");
+  if (!fromTable || !toTable)
+    return ConditionError(CONDITION_KIND::ASSERTION, "fromTable && toTable");
   bool insertedAtSource = false;
   ORVIX_TRY_ASSIGN(ConnectionData * atSource, fromTable->FindOrInsert(toTarget, &insertedAtSource));
   Result<ConnectionData*> atTargetResult = toTable->FindOrInsert(toSource);
@@ -145,9 +146,9 @@ Result<void> NodeSystemImpl::ConnectImpl(const GNode& source, const GNode& targe
 
   auto* fromPort = fromInfo->AsPort();
   auto* toPort = toInfo->AsPort();
-  toPort->_sourcesStamp = _modificationStamp;
-  fromPort->_targetsStamp = _modificationStamp;
-  _connectionStamp = _modificationStamp;
+  toPort->_sourcesStamp = _stamps._modificationStamp;
+  fromPort->_targetsStamp = _stamps._modificationStamp;
+  _stamps._connectionStamp = _stamps._modificationStamp;
 
   if (SameState(next, inherited)) {
     // The difference from the bases is gone.
@@ -165,7 +166,8 @@ Result<bool> NodeSystemImpl::SetConnectionValue(const GNode& source, const GNode
                                                 ChangeList* changeList) {
   ORVIX_TRY(CheckModification(true));
   ORVIX_TRY_ASSIGN(ConnectionAttributeKey key, ConnectionAttributeKey::Create(id, kind));
-  ORVIX_TRY_ASSIGN(ConnectionData current, ReadConnection(source, target, GET_CONNECTIONS_FLAGS::NONE));
+  ORVIX_TRY_ASSIGN(ConnectionData current,
+                   ReadConnection(source, target, GET_CONNECTIONS_FLAGS::NONE));
   if (current.wires.IsEmpty()) {
     return Error(ERROR_CLASS::ILLEGAL_ARGUMENT,
                  FormatMessage("There is no connection from @ to @.", source.path, target.path));

@@ -27,7 +27,7 @@ FoundNode NodeSystemImpl::_FindPlain(NodePath::Block parts, uint64_t hash, bool 
   const InternedId outputs = NodePath::GetOutputsId();
   const NodeSystemImpl* system = this;
   for (size_t hop = 0; hop < MAX_HOPS; ++hop) {
-    const NodeMap* map = system->_nodes.Get();
+    const NodeMap* map = system->_store._nodes.Get();
     if (!map) return {};
     if (!skipOwn) {
       if (NodeInfo* info = map->Find(hash, parts)) {
@@ -67,8 +67,8 @@ bool NodeSystemImpl::IsRemovedAbove(NodePath::Block parts, const NodeSystemImpl&
   // lookup went on down the chain at the same path: through the first
   // `hopped` parts it entered nested systems, and a hit there belongs to the
   // new element's content, even when that content stands on the same base.
-  if (!_mayHideBelow) return false;
-  const uint64_t hitLevel = hit._level;
+  if (!_store._mayHideBelow) return false;
+  const uint64_t hitLevel = hit._store._level;
   for (size_t i = 0; i < parts.size(); ++i) {
     const NodePath::Block prefix = parts.first(i);
     const FoundNode at = _FindPlain(prefix, NodePath::HashBlock(prefix), false);
@@ -78,7 +78,7 @@ bool NodeSystemImpl::IsRemovedAbove(NodePath::Block parts, const NodeSystemImpl&
     }
     const NodeInfo* record = at.info;
     const NodeSystemImpl* holder = at.system;
-    while (record && holder && holder->_level > hitLevel) {
+    while (record && holder && holder->_store._level > hitLevel) {
       if (const ChildRecord* child = record->children.Find(parts[i])) {
         if (!HasAny(child->flags, CHILD_FLAGS::ADDED)) return true;
         if (i < hopped) break;
@@ -136,7 +136,7 @@ bool NodeSystemImpl::_MayHold(const NodeSystemImpl* holder, NodePath::Block part
   const NodeSystemImpl* system = this;
   for (size_t hop = 0; hop < MAX_HOPS && system; ++hop) {
     if (system == holder) return true;
-    const NodeMap* map = system->_nodes.Get();
+    const NodeMap* map = system->_store._nodes.Get();
     if (!map) return false;
     if (parts.size() >= 2 && !(parts[0] == inputs) && !(parts[0] == outputs)) {
       const NodePath::Block first = parts.first(1);
@@ -153,15 +153,15 @@ bool NodeSystemImpl::_MayHold(const NodeSystemImpl* holder, NodePath::Block part
 
 void NodeSystemImpl::Refresh(GNode& handle) const {
   if (!handle.info) return;
-  if (!_nodes) {
+  if (!_store._nodes) {
     handle.info = nullptr;
     return;
   }
   if (handle.system == this) {
-    if (handle.stamp >= _movedStamp) return;
-    if (NodeInfo* info = _nodes->Find(handle.path)) {
+    if (handle.stamp >= _stamps._movedStamp) return;
+    if (NodeInfo* info = _store._nodes->Find(handle.path)) {
       handle.info = info;
-      handle.stamp = _movedStamp;
+      handle.stamp = _stamps._movedStamp;
       return;
     }
   } else {
@@ -171,19 +171,19 @@ void NodeSystemImpl::Refresh(GNode& handle) const {
     // element, may point at a record that is gone: it is looked up by path.
     // Every system starts its handle stamps above those of its source, so a
     // stamp below the first one is not this system's.
-    const bool held = handle.stamp >= _firstHandleStamp &&
-                      handle.stamp <= std::max(_createdStamp, _movedStamp) &&
+    const bool held = handle.stamp >= _stamps._firstHandleStamp &&
+                      handle.stamp <= std::max(_stamps._createdStamp, _stamps._movedStamp) &&
                       _MayHold(handle.system, handle.path.ToBlock());
-    if (held && handle.stamp >= _createdStamp) return;
-    if (NodeInfo* info = _nodes->Find(handle.path)) {
+    if (held && handle.stamp >= _stamps._createdStamp) return;
+    if (NodeInfo* info = _store._nodes->Find(handle.path)) {
       handle.info = info;
       handle.system = const_cast<NodeSystemImpl*>(this);
-      handle.stamp = _movedStamp;
+      handle.stamp = _stamps._movedStamp;
       return;
     }
-    if (held && _removedStamp <= handle.stamp) {
+    if (held && _stamps._removedStamp <= handle.stamp) {
       // Nothing was made here nor removed since: the base still answers.
-      handle.stamp = _createdStamp;
+      handle.stamp = _stamps._createdStamp;
       return;
     }
   }

@@ -30,25 +30,25 @@ Error NullObjectError(SourceLocation where = SourceLocation::current()) {
 // Initialisation
 
 Result<GNode> NodeSystemImpl::Init(Ref<NodeSystemClass> cls) {
-  if (IsInitialized() || _mutable || !cls) {
+  if (IsInitialized() || _store._mutable || !cls) {
     return ConditionError(CONDITION_KIND::ILLEGAL_ARGUMENT, "!IsInitialized() && !_mutable && cls");
   }
-  _class = std::move(cls);
+  _classState._class = std::move(cls);
   try {
-    _bases.push_back(nullptr);
+    _store._bases.push_back(nullptr);
   } catch (const std::bad_alloc&) {
     return OutOfMemoryError();
   }
-  _beginStamp = _modificationStamp;
-  _mutable = true;
-  ORVIX_TRY_ASSIGN(_nodes, NodeMap::Create(nullptr));
+  _stamps._beginStamp = _stamps._modificationStamp;
+  _store._mutable = true;
+  ORVIX_TRY_ASSIGN(_store._nodes, NodeMap::Create(nullptr));
   GNode root;
   ORVIX_TRY_ASSIGN(NodeInfo * rootInfo, GetMutable(root, NODE_KIND::NODE));
-  rootInfo->_addedStamp = _modificationStamp;
-  ORVIX_TRY_ASSIGN(_topology, NewRef<TopologyData>());
+  rootInfo->_addedStamp = _stamps._modificationStamp;
+  ORVIX_TRY_ASSIGN(_validation._topology, NewRef<TopologyData>());
   // Until the attribute stage fills it, the table knows no derived attribute.
-  ORVIX_TRY_ASSIGN(_derivedAttributes, NewRef<DerivedAttributeTable>());
-  if (_stages && _stages->initDerivedAttributes) ORVIX_TRY(_stages->initDerivedAttributes(*this));
+  ORVIX_TRY_ASSIGN(_attributes._derivedAttributes, NewRef<DerivedAttributeTable>());
+  ORVIX_TRY(_InitDerivedAttributes());
   const struct {
     InternedId id;
     NODE_KIND kind;
@@ -57,8 +57,8 @@ Result<GNode> NodeSystemImpl::Init(Ref<NodeSystemClass> cls) {
   for (const auto& list : lists) {
     ORVIX_TRY(AddChildRecord(root, list.kind, list.id, GNode(), GNODE_FLAGS_IMPL::NONE));
   }
-  if (_stages && _stages->initRootAttributes) ORVIX_TRY(_stages->initRootAttributes(*this));
-  _completeStamp = _modificationStamp;
+  ORVIX_TRY(_InitRootAttributes());
+  _stamps._completeStamp = _stamps._modificationStamp;
   ORVIX_TRY(EndModification(nullptr, FINALIZE_FLAGS::CLEANUP));
   return GetRoot();
 }
@@ -77,56 +77,59 @@ Result<void> NodeSystemImpl::CheckModification(bool requireModification) const {
   // A system under edit has exactly one owner; that is what lets the model
   // run without locks. The loader reaches a system under construction through
   // references of its own, so the test waits until it is done.
-  if (!_loadContext && GetReferenceCount() > 1) {
+  if (!_store._loadContext && GetReferenceCount() > 1) {
     // The template's id names the system; a system no template made has none.
-    const std::string_view name = _template ? _template->GetId() : std::string_view();
+    const std::string_view name =
+        _classState._template ? _classState._template->GetId() : std::string_view();
     return Error(ERROR_CLASS::ILLEGAL_STATE,
                  FormatMessage("More than one reference to node system @.", name));
   }
-  if (requireModification && !_mutable) {
+  if (requireModification && !_store._mutable) {
     return Error(ERROR_CLASS::ILLEGAL_STATE, std::string(NOT_WITHIN_MODIFICATION));
   }
   return Ok();
 }
 
 Result<void> NodeSystemImpl::BeginModification() {
-  if (_mutable) return Error(ERROR_CLASS::ILLEGAL_STATE, std::string(ALREADY_MODIFYING));
+  if (_store._mutable) return Error(ERROR_CLASS::ILLEGAL_STATE, std::string(ALREADY_MODIFYING));
   ORVIX_CHECK_STATE(IsInitialized());
   ORVIX_TRY(CheckModification(false));
   // Whatever is edited now is no longer what the template made; the owner
   // went with the template.
-  _template.Reset();
-  _templateArguments.Reset();
-  _templateOwner.Reset();
-  _beginStamp = _modificationStamp;
-  _mutable = true;
+  _classState._template.Reset();
+  _classState._templateArguments.Reset();
+  _classState._templateOwner.Reset();
+  _stamps._beginStamp = _stamps._modificationStamp;
+  _store._mutable = true;
   return Ok();
 }
 
 Result<void> NodeSystemImpl::EndModification(ChangeList* changeList, FINALIZE_FLAGS flags) {
-  ORVIX_CHECK_STATE(_mutable);
+  // The conditions are spelled out: their text is the message, which names
+  // the members as clients know them.
+  if (!_store._mutable) return ConditionError(CONDITION_KIND::ILLEGAL_STATE, "_mutable");
   // An end from inside the class's FinalizeModification would finish the
   // system under the feet of the end that called the class.
-  ORVIX_CHECK_STATE(!_finalizing);
+  if (_store._finalizing) return ConditionError(CONDITION_KIND::ILLEGAL_STATE, "!_finalizing");
   if (flags != FINALIZE_FLAGS::NONE) {
-    if (!_class) return NullObjectError();
+    if (!_classState._class) return NullObjectError();
     // The class may still edit, through a root that borrows this system: the
     // caller's reference stays the only counted one, so the class's edits
     // pass the reference test. A failure here or in validation leaves the
     // system mutable, so the caller can repair and end again.
-    _finalizing = true;
+    _store._finalizing = true;
     Result<void> finalized = [&] {
       const MutableRoot root(*this, GetRoot());
-      return _class->FinalizeModification(root, _beginStamp, flags, changeList);
+      return _classState._class->FinalizeModification(root, _stamps._beginStamp, flags, changeList);
     }();
-    _finalizing = false;
+    _store._finalizing = false;
     ORVIX_TRY(std::move(finalized));
     ORVIX_TRY(Validate(changeList));
   }
   ORVIX_TRY(PurgeGarbage());
   _SortChildTables();
-  _mutable = false;
-  _retiredTables.clear();
+  _store._mutable = false;
+  _attributes._retiredTables.clear();
   if (g_testGetConnections.Get()) ORVIX_TRY(CheckConnectionConsistency());
   return Ok();
 }
@@ -184,7 +187,9 @@ MutableRoot& MutableRoot::operator=(MutableRoot&& other) noexcept {
   return *this;
 }
 
-MutableRoot::~MutableRoot() { _Drop(); }
+MutableRoot::~MutableRoot() {
+  _Drop();
+}
 
 void MutableRoot::_Drop() noexcept {
   if (_borrowed) {

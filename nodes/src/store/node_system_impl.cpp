@@ -39,17 +39,20 @@ uint64_t FirstHandleStamp() noexcept {
 }
 }  // namespace
 
-NodeSystemImpl::NodeSystemImpl()
-    : _createdStamp(FirstHandleStamp()), _movedStamp(_createdStamp),
-      _firstHandleStamp(_createdStamp) {}
+NodeSystemImpl::NodeSystemImpl() {
+  const uint64_t first = FirstHandleStamp();
+  _stamps._createdStamp = first;
+  _stamps._movedStamp = first;
+  _stamps._firstHandleStamp = first;
+}
 
 NodeSystemImpl::~NodeSystemImpl() {
   _FreeGarbage();
-  const uint64_t last = std::max(_createdStamp, _movedStamp);
+  const uint64_t last = std::max(_stamps._createdStamp, _stamps._movedStamp);
   uint64_t retired = g_retiredHandleStamp.load(std::memory_order_relaxed);
-  while (retired < last && !g_retiredHandleStamp.compare_exchange_weak(
-                               retired, last, std::memory_order_release,
-                               std::memory_order_relaxed)) {
+  while (retired < last &&
+         !g_retiredHandleStamp.compare_exchange_weak(retired, last, std::memory_order_release,
+                                                     std::memory_order_relaxed)) {
   }
 }
 
@@ -59,8 +62,8 @@ void NodeSystemImpl::_FreeGarbage() noexcept {
   auto isGarbage = [](const NodeInfo* r) {
     return HasAny(r->flags, GNODE_FLAGS_IMPL::MODIFIED_G_GARBAGE);
   };
-  NodeInfo* r = _firstModified;
-  _firstModified = g_modifiedListEnd;
+  NodeInfo* r = _validation._firstModified;
+  _validation._firstModified = g_modifiedListEnd;
   while (r && r != g_modifiedListEnd) {
     NodeInfo* next = r->_nextModified;
     if (PortRecord* port = r->AsPort()) {
@@ -86,26 +89,29 @@ Result<Ref<NodeSystemImpl>> NodeSystemImpl::CreateDerived(Ref<NodeSystemImpl> ba
   ORVIX_CHECK_ARGUMENT(base);
   ORVIX_TRY(CheckUsableSource(*base));
   // Derived systems point into the base's records: it must not change again.
-  ORVIX_CHECK_STATE(base->IsFinalized() && !base->_mutable);
+  if (!base->IsFinalized() || base->_store._mutable) {
+    return ConditionError(CONDITION_KIND::ILLEGAL_STATE, "base->IsFinalized() && !base->_mutable");
+  }
   ORVIX_TRY_ASSIGN(Ref<NodeSystemImpl> system, NewRef<NodeSystemImpl>());
   try {
-    system->_bases.push_back(base);
+    system->_store._bases.push_back(base);
   } catch (const std::bad_alloc&) {
     return OutOfMemoryError();
   }
-  system->_level = base->_level + 1;
-  system->_mayHideBelow = base->_mayHideBelow;
+  system->_store._level = base->_store._level + 1;
+  system->_store._mayHideBelow = base->_store._mayHideBelow;
   // Above every stamp of the base, so that a handle the base made is looked
   // up again here rather than taken as this system's.
-  system->_createdStamp =
-      std::max(system->_createdStamp, std::max(base->_createdStamp, base->_movedStamp) + 1);
-  system->_movedStamp = system->_createdStamp;
-  system->_firstHandleStamp = system->_createdStamp;
-  system->_class = base->_class;
-  system->_stages = base->_stages;
-  system->_topology = base->_topology;
-  system->_derivedAttributes = base->_derivedAttributes;
-  ORVIX_TRY_ASSIGN(system->_nodes, NodeMap::Create(nullptr));
+  system->_stamps._createdStamp =
+      std::max(system->_stamps._createdStamp,
+               std::max(base->_stamps._createdStamp, base->_stamps._movedStamp) + 1);
+  system->_stamps._movedStamp = system->_stamps._createdStamp;
+  system->_stamps._firstHandleStamp = system->_stamps._createdStamp;
+  system->_classState._class = base->_classState._class;
+  system->_validation._stages = base->_validation._stages;
+  system->_validation._topology = base->_validation._topology;
+  system->_attributes._derivedAttributes = base->_attributes._derivedAttributes;
+  ORVIX_TRY_ASSIGN(system->_store._nodes, NodeMap::Create(nullptr));
   const FoundNode baseRoot = base->FindNode(NodePath(), NODE_KIND::NODE, false);
   if (!baseRoot) return Error(ERROR_CLASS::ILLEGAL_STATE, std::string(BASE_NOT_INITIALIZED));
   GNode root(NodePath(), baseRoot.info, baseRoot.system, 0);
@@ -114,85 +120,85 @@ Result<Ref<NodeSystemImpl>> NodeSystemImpl::CreateDerived(Ref<NodeSystemImpl> ba
   NodeRecord* node = rootInfo->AsNode();
   node->_nestedSystem = base;
   node->_nestedData.Reset();
-  system->_completeStamp = system->_modificationStamp;
+  system->_stamps._completeStamp = system->_stamps._modificationStamp;
   return system;
 }
 
 Result<void> NodeSystemImpl::CopyFrom(const NodeSystemImpl& source) {
   ORVIX_CHECK_STATE(!IsInitialized());
   ORVIX_TRY(CheckUsableSource(source));
-  if (source._firstModified != g_modifiedListEnd || source._attribSetup || source._portValidation) {
+  if (source._validation._firstModified != g_modifiedListEnd || source._attributes._attribSetup ||
+      source._validation._portValidation) {
     return ConditionError(CONDITION_KIND::ASSERTION,
                           "src._firstModified == g_modifiedListEnd && !src._attribSetup && "
                           "!src._portValidation && !src._instantiation");
   }
   std::vector<Ref<NodeSystem>> bases;
-  LoopDependencyTable loops;
-  InducedSourceTable inducedSources;
-  InducedTargetTable inducedTargets;
+  std::unique_ptr<LoopTables> loops;
   try {
-    bases = source._bases;
-    loops = source._loopDependencies;
-    inducedSources = source._inducedSources;
-    inducedTargets = source._inducedTargets;
+    bases = source._store._bases;
+    if (source._attributes._loops) loops = std::make_unique<LoopTables>(*source._attributes._loops);
   } catch (const std::bad_alloc&) {
     return OutOfMemoryError();
   }
-  _class = source._class;
-  _derivationHandler = source._derivationHandler;
-  _stages = source._stages;
+  _classState._class = source._classState._class;
+  _classState._derivationHandler = source._classState._derivationHandler;
+  _validation._stages = source._validation._stages;
   // A copy is no longer what the template made.
-  _template.Reset();
-  _templateArguments.Reset();
-  _templateOwner.Reset();
+  _classState._template.Reset();
+  _classState._templateArguments.Reset();
+  _classState._templateOwner.Reset();
   // The map is shared: both systems now see it as frozen, and the first
   // write of either puts a layer of its own on top.
-  _nodes = source._nodes;
+  _store._nodes = source._store._nodes;
   // Handles made by the source carry the source's stamps and name it as
   // their holder; starting above them makes each such handle look its path up
   // again here on first use, so that it learns that the records are now this
   // system's.
-  _createdStamp = std::max(_createdStamp, std::max(source._createdStamp, source._movedStamp) + 1);
-  _removedStamp = source._removedStamp;
-  _movedStamp = _createdStamp;
-  _firstHandleStamp = _createdStamp;
-  _modificationStamp = source._modificationStamp;
-  _beginStamp = source._beginStamp;
-  _attributeStamp = source._attributeStamp;
-  _metaAttributeStamp = source._metaAttributeStamp;
-  _special0Stamp = source._special0Stamp;
-  _special1Stamp = source._special1Stamp;
-  _structureStamp = source._structureStamp;
-  _connectionStamp = source._connectionStamp;
-  _completeStamp = source._completeStamp;
-  _level = source._level;
-  _mayHideBelow = source._mayHideBelow;
-  _attribValidationCount = source._attribValidationCount;
-  _firstModified = g_modifiedListEnd;
-  _loadContext.Reset();
-  _mutable = source._mutable;
-  _topology = source._topology;
-  _derivedAttributes = source._derivedAttributes;
-  _systemFlags = GNODE_FLAGS_IMPL::NONE;
-  _attribSetup = nullptr;
-  _portValidation = nullptr;
-  _bases = std::move(bases);
-  _loopDependencies = std::move(loops);
-  _inducedSources = std::move(inducedSources);
-  _inducedTargets = std::move(inducedTargets);
+  const uint64_t firstStamp =
+      std::max(_stamps._createdStamp,
+               std::max(source._stamps._createdStamp, source._stamps._movedStamp) + 1);
+  _stamps = source._stamps;
+  _stamps._createdStamp = firstStamp;
+  _stamps._movedStamp = firstStamp;
+  _stamps._firstHandleStamp = firstStamp;
+  _store._level = source._store._level;
+  _store._mayHideBelow = source._store._mayHideBelow;
+  _attributes._attribValidationCount = source._attributes._attribValidationCount;
+  _validation._firstModified = g_modifiedListEnd;
+  _store._loadContext.Reset();
+  _store._mutable = source._store._mutable;
+  _validation._topology = source._validation._topology;
+  _attributes._derivedAttributes = source._attributes._derivedAttributes;
+  _validation._systemFlags = GNODE_FLAGS_IMPL::NONE;
+  _attributes._attribSetup = nullptr;
+  _validation._portValidation = nullptr;
+  _store._bases = std::move(bases);
+  _attributes._loops = std::move(loops);
   return Ok();
+}
+
+Result<LoopTables*> NodeSystemImpl::_WritableLoopTables() {
+  if (!_attributes._loops) {
+    try {
+      _attributes._loops = std::make_unique<LoopTables>();
+    } catch (const std::bad_alloc&) {
+      return OutOfMemoryError();
+    }
+  }
+  return _attributes._loops.get();
 }
 
 // ---------------------------------------------------------------------------
 // Writing
 
 Result<NodeMap*> NodeSystemImpl::GetWritableMap() {
-  if (!_nodes) return ConditionError(CONDITION_KIND::ILLEGAL_STATE, "IsInitialized()");
-  if (!_nodes->HasSingleOwner()) {
-    ORVIX_TRY_ASSIGN(Ref<NodeMap> layer, NodeMap::Create(_nodes));
-    _nodes = std::move(layer);
+  if (!_store._nodes) return ConditionError(CONDITION_KIND::ILLEGAL_STATE, "IsInitialized()");
+  if (!_store._nodes->HasSingleOwner()) {
+    ORVIX_TRY_ASSIGN(Ref<NodeMap> layer, NodeMap::Create(_store._nodes));
+    _store._nodes = std::move(layer);
   }
-  return _nodes.Get();
+  return _store._nodes.Get();
 }
 
 Result<NodeInfo*> NodeSystemImpl::GetMutable(GNode& handle, NODE_KIND kind) {
@@ -259,14 +265,14 @@ Result<NodeInfo*> NodeSystemImpl::GetMutable(GNode& handle, NODE_KIND kind) {
       added = true;
     }
     NodeMap::Publish(entry);
-    if (added) ++_movedStamp;
-    if (created) ++_createdStamp;
+    if (added) ++_stamps._movedStamp;
+    if (created) ++_stamps._createdStamp;
   }
-  ++_modificationStamp;
+  ++_stamps._modificationStamp;
   if (kind != NODE_KIND::NONE && info->GetKind() != kind) return mismatch(info->GetKind());
   handle.info = info;
   handle.system = this;
-  handle.stamp = _movedStamp;
+  handle.stamp = _stamps._movedStamp;
   return info;
 }
 
@@ -283,13 +289,13 @@ Result<void> NodeSystemImpl::SetChildRecord(NodeInfo* parent, InternedId id, CHI
 }
 
 void NodeSystemImpl::_SortChildTables() noexcept {
-  if (!_unsortedChildTables) return;
-  if (_nodes) {
-    for (const NodePath& path : *_unsortedChildTables) {
-      if (NodeInfo* info = _nodes->Find(path)) info->children.Sort();
+  if (!_store._unsortedChildTables) return;
+  if (_store._nodes) {
+    for (const NodePath& path : *_store._unsortedChildTables) {
+      if (NodeInfo* info = _store._nodes->Find(path)) info->children.Sort();
     }
   }
-  _unsortedChildTables.reset();
+  _store._unsortedChildTables.reset();
 }
 
 bool NodeSystemImpl::EraseChildRecord(NodeInfo* parent, InternedId id) {
@@ -312,7 +318,7 @@ Result<bool> NodeSystemImpl::RemoveEntry(const NodePath& path) {
       // Validation may still walk the list through this record; the garbage
       // pass frees it.
       entry->info->flags |= GNODE_FLAGS_IMPL::MODIFIED_G_GARBAGE;
-      _systemFlags |= GNODE_FLAGS_IMPL::MODIFIED_G_GARBAGE;
+      _validation._systemFlags |= GNODE_FLAGS_IMPL::MODIFIED_G_GARBAGE;
       // A nested port hangs on its top-level port's list, which the garbage
       // pass walks only where the top-level port says so.
       if (HasAny(path.GetKindRaw(), NODE_KIND::PORT_MASK) && !path.IsTopLevelPort()) {
@@ -321,7 +327,7 @@ Result<bool> NodeSystemImpl::RemoveEntry(const NodePath& path) {
             top ? map->FindInLayer(top->GetHashCode(), top->ToBlock()) : nullptr;
         if (topEntry && topEntry->info) {
           topEntry->info->flags |= GNODE_FLAGS_IMPL::MODIFIED_G_NESTED_GARBAGE;
-          _systemFlags |= GNODE_FLAGS_IMPL::MODIFIED_G_NESTED_GARBAGE;
+          _validation._systemFlags |= GNODE_FLAGS_IMPL::MODIFIED_G_NESTED_GARBAGE;
         }
       }
       entry->info = nullptr;
@@ -345,19 +351,19 @@ Result<bool> NodeSystemImpl::RemoveEntry(const NodePath& path) {
 void NodeSystemImpl::NoteRemoval() noexcept {
   // Cached record pointers may now point at freed records, and handles into
   // bases may be hidden by the removal: every handle has to look again.
-  ++_movedStamp;
-  ++_createdStamp;
-  _removedStamp = _createdStamp;
+  ++_stamps._movedStamp;
+  ++_stamps._createdStamp;
+  _stamps._removedStamp = _stamps._createdStamp;
 }
 
 // ---------------------------------------------------------------------------
 // Compaction
 
 Result<void> NodeSystemImpl::Compact() {
-  if (!_nodes || _nodes->GetDepth() < COMPACT_DEPTH) return Ok();
+  if (!_store._nodes || _store._nodes->GetDepth() < COMPACT_DEPTH) return Ok();
   // Values handed out during a modification may point into records of the
   // lower layers, which compaction frees: it waits until the bracket closes.
-  if (_mutable) return Ok();
+  if (_store._mutable) return Ok();
   // Systems derived from this one point into its records; only a system that
   // nobody else holds may let its old layers go.
   if (!HasSingleOwner()) return Ok();
@@ -392,7 +398,7 @@ Result<void> NodeSystemImpl::Compact() {
     // Flatten the frozen layers, top down: the first entry of a path decides,
     // and a tombstone decides by dropping the path.
     std::unordered_set<NodePath> seen;
-    for (const NodeMap* layer = _nodes->GetParent(); layer; layer = layer->GetParent()) {
+    for (const NodeMap* layer = _store._nodes->GetParent(); layer; layer = layer->GetParent()) {
       layer->ForEachEntry([&](const NodeMap::Entry& e) {
         if (!status || !seen.insert(e.path).second || !e.IsPublished()) return;
         copyInto(*bottom, e);
@@ -402,10 +408,10 @@ Result<void> NodeSystemImpl::Compact() {
     // The top layer keeps its tombstones: they hide what the flattened layer
     // still holds.
     ORVIX_TRY_ASSIGN(Ref<NodeMap> top, NodeMap::Create(bottom));
-    _nodes->ForEachEntry([&](const NodeMap::Entry& e) { copyInto(*top, e); });
+    _store._nodes->ForEachEntry([&](const NodeMap::Entry& e) { copyInto(*top, e); });
     ORVIX_TRY(status);
-    _nodes = std::move(top);
-    ++_movedStamp;
+    _store._nodes = std::move(top);
+    ++_stamps._movedStamp;
     return Ok();
   } catch (const std::bad_alloc&) {
     return OutOfMemoryError();
@@ -417,7 +423,7 @@ Result<void> NodeSystemImpl::Compact() {
 
 size_t NodeSystemImpl::GetEntryCount() const {
   size_t count = 0;
-  for (const NodeMap* layer = _nodes.Get(); layer; layer = layer->GetParent()) {
+  for (const NodeMap* layer = _store._nodes.Get(); layer; layer = layer->GetParent()) {
     count += layer->GetCount();
   }
   return count;
@@ -425,10 +431,10 @@ size_t NodeSystemImpl::GetEntryCount() const {
 
 size_t NodeSystemImpl::GetVisibleRecordCount() const {
   size_t count = 0;
-  for (const NodeMap* layer = _nodes.Get(); layer; layer = layer->GetParent()) {
+  for (const NodeMap* layer = _store._nodes.Get(); layer; layer = layer->GetParent()) {
     layer->ForEachEntry([&](const NodeMap::Entry& e) {
       if (!e.IsPublished()) return;
-      for (const NodeMap* above = _nodes.Get(); above != layer; above = above->GetParent()) {
+      for (const NodeMap* above = _store._nodes.Get(); above != layer; above = above->GetParent()) {
         if (above->FindInLayer(e.hash, e.path.ToBlock())) return;
       }
       ++count;
@@ -438,7 +444,7 @@ size_t NodeSystemImpl::GetVisibleRecordCount() const {
 }
 
 Ref<NodeSystem> NodeSystemImpl::GetBase() const {
-  return _bases.empty() ? Ref<NodeSystem>() : _bases[0];
+  return _store._bases.empty() ? Ref<NodeSystem>() : _store._bases[0];
 }
 
 }  // namespace orvix::nodes

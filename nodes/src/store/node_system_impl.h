@@ -24,13 +24,10 @@
 #include "orvix/host/result.h"
 #include "orvix/nodes/gnode.h"
 #include "orvix/nodes/node_system.h"
+#include "store/connection_queries.h"
 #include "store/node_info.h"
 #include "store/node_map.h"
-#include "validation/connection_queries.h"
-#include "validation/derived_attribute_table.h"
-#include "validation/loop_tables.h"
-#include "validation/topology_data.h"
-#include "validation/validation_stages.h"
+#include "store/system_state.h"
 
 namespace orvix::nodes {
 
@@ -72,7 +69,6 @@ class NodeSystemImpl final : public NodeSystem {
   //   "More than one reference to node system @."
   //   "Node system modification not within BeginModification()/EndModification()."
   Result<void> CheckModification(bool requireModification) const;
-
 
   // Adds the child `id` of `kind` below `parent`: the parent's child record
   // (ADDED, plus SYNTHETIC for port lists, derived ports and the node-system
@@ -142,7 +138,7 @@ class NodeSystemImpl final : public NodeSystem {
                                 const DerivedAttribute* derived, NodeInfo* info,
                                 AttributeRecord* attribute);
 
-  // --- Connection queries (validation/connection_queries.cpp).
+  // --- Connection queries (store/connection_queries.cpp).
 
   // Reports the effective connections of `query.port` (see ConnectionQuery
   // and GET_CONNECTIONS_FLAGS). True if the query ran to its end; false if
@@ -229,11 +225,15 @@ class NodeSystemImpl final : public NodeSystem {
   //   "Base nodesystem hasn't been validated."
   Result<void> CopyFrom(const NodeSystemImpl& source);
 
-  bool IsInitialized() const noexcept { return bool(_nodes); }
+  bool IsInitialized() const noexcept { return bool(_store._nodes); }
+  // The loop tables; null while the system has no loop record.
+  const LoopTables* GetLoopTables() const noexcept { return _attributes._loops.get(); }
   bool IsValidated() const noexcept override {
-    return (ToBits(_systemFlags) & VALIDATION_MASK) == 0;
+    return (ToBits(_validation._systemFlags) & VALIDATION_MASK) == 0;
   }
-  bool IsFinalized() const noexcept override { return _systemFlags == GNODE_FLAGS_IMPL::NONE; }
+  bool IsFinalized() const noexcept override {
+    return _validation._systemFlags == GNODE_FLAGS_IMPL::NONE;
+  }
 
   // --- Lookup.
 
@@ -272,7 +272,8 @@ class NodeSystemImpl final : public NodeSystem {
   // of a handle counts a reference of its path); otherwise `scratch`, made
   // from it and resolved. Fails as Resolve does.
   Result<const GNode*> Current(const GNode& node, GNode& scratch) const {
-    if (node.info && node.system == this && node.stamp >= _movedStamp && _nodes) return &node;
+    if (node.info && node.system == this && node.stamp >= _stamps._movedStamp && _store._nodes)
+      return &node;
     scratch = node;
     ORVIX_TRY(Resolve(scratch));
     return &scratch;
@@ -334,14 +335,16 @@ class NodeSystemImpl final : public NodeSystem {
   // and the number of records visible through the map.
   size_t GetEntryCount() const;
   size_t GetVisibleRecordCount() const;
-  uint32_t GetDepth() const noexcept { return _nodes ? _nodes->GetDepth() : 0; }
+  uint32_t GetDepth() const noexcept { return _store._nodes ? _store._nodes->GetDepth() : 0; }
 
   // --- NodeSystem.
-  Ref<NodeSystemClass> GetClass() const override { return _class; }
+  Ref<NodeSystemClass> GetClass() const override { return _classState._class; }
   Ref<NodeSystemDerivationHandler> GetDerivationHandler() const override;
-  Ref<NodeTemplate> GetTemplate() const override { return _template; }
-  Ref<TemplateArguments> GetTemplateArguments() const override { return _templateArguments; }
-  Ref<RefCounted> GetTemplateOwner() const override { return _templateOwner.Lock(); }
+  Ref<NodeTemplate> GetTemplate() const override { return _classState._template; }
+  Ref<TemplateArguments> GetTemplateArguments() const override {
+    return _classState._templateArguments;
+  }
+  Ref<RefCounted> GetTemplateOwner() const override { return _classState._templateOwner.Lock(); }
   Result<void> SetDerivationHandler(Ref<NodeSystemDerivationHandler> handler) override;
   Result<void> SetTemplate(const NodeTemplate* nodeTemplate, Ref<TemplateArguments> arguments,
                            const Ref<RefCounted>& owner) override;
@@ -349,8 +352,8 @@ class NodeSystemImpl final : public NodeSystem {
   Result<Ref<NodeSystemDerivationHandler>> GetNodeDerivationHandler(
       const NodePath& path) const override;
   Ref<NodeSystem> GetBase() const override;
-  const std::vector<Ref<NodeSystem>>& GetBases() const override { return _bases; }
-  uint64_t GetModificationStamp() const override { return _modificationStamp; }
+  const std::vector<Ref<NodeSystem>>& GetBases() const override { return _store._bases; }
+  uint64_t GetModificationStamp() const override { return _stamps._modificationStamp; }
   Result<bool> EnumerateChanges(uint64_t stamp, const ChangeCallback& callback) const override;
   MODIFIED GetModifications(uint64_t stamp) const override;
   Result<size_t> GetChildRecordCount(const GNode& node) const override;
@@ -410,8 +413,7 @@ class NodeSystemImpl final : public NodeSystem {
                                     const ValueCallback& callback) const override;
   Result<void> TouchValue(const GNode& node, InternedId id, ChangeList* changeList) override;
   Result<void> SetSubData(const GNode& node, InternedId id, const DataAccessor& accessor,
-                          std::span<const Data> keys, Data value,
-                          ChangeList* changeList) override;
+                          std::span<const Data> keys, Data value, ChangeList* changeList) override;
   Result<bool> ResetValue(const GNode& node, InternedId id, ChangeList* changeList) override;
   Result<bool> EraseValue(const GNode& node, InternedId id, ChangeList* changeList) override;
   Result<bool> EnumerateChangedValues(const GNode& node, uint64_t stamp,
@@ -419,83 +421,20 @@ class NodeSystemImpl final : public NodeSystem {
   Result<uint64_t> GetValueStamp(const GNode& node, InternedId id) const override;
   Result<uint64_t> GetConnectionStamp(const GNode& node, PORT_DIR direction) const override;
 
-  // --- Members. Further members arrive with their subsystems: the two
-  // derivation tables with attribute derivation; _instantiation with
-  // instantiation contexts.
-
-  Ref<NodeSystemClass> _class;
-  // The handler a class put on the system; null runs the default.
-  Ref<NodeSystemDerivationHandler> _derivationHandler;
-  // The template this system was instantiated from, and its arguments; the
-  // first modification drops both.
-  Ref<NodeTemplate> _template;
-  Ref<TemplateArguments> _templateArguments;
-  // Where the template came from (the repository of the instantiation), set
-  // with it. Weak: a repository caches the systems it made, and a strong
-  // reference back would keep both alive.
-  WeakRef<RefCounted> _templateOwner;
-  // Set while the loader builds the system; the reference test is skipped
-  // then, since the loader's own references reach the system.
-  Ref<RefCounted> _loadContext;
-  // Attribute tables that readers may still reference: replaced during the
-  // modification, freed when it ends.
-  std::vector<Ref<AttributeTable>> _retiredTables;
-  // The result of the last topology validation.
-  Ref<TopologyData> _topology;
-  // The derived attributes of the class and the bits of their changes.
-  Ref<DerivedAttributeTable> _derivedAttributes;
-  // The installed stages; null runs none (see ValidationStages).
-  const ValidationStages* _stages = nullptr;
-  // Set while a port pass processes its queue.
-  ValidationQueue* _portValidation = nullptr;
-  // Set while attribute validation runs.
-  AttributeSetup* _attribSetup = nullptr;
-
-  // One record per loop source, and the induced dependencies built from them.
-  LoopDependencyTable _loopDependencies;
-  InducedSourceTable _inducedSources;
-  InducedTargetTable _inducedTargets;
-
-  std::vector<Ref<NodeSystem>> _bases;
-  Ref<NodeMap> _nodes;
-  uint64_t _createdStamp = 0;
-  uint64_t _removedStamp = 0;
-  uint64_t _movedStamp = 0;
-  uint64_t _modificationStamp = 1;
-  uint64_t _beginStamp = 0;
-  uint64_t _attributeStamp = 0;
-  uint64_t _metaAttributeStamp = 0;
-  uint64_t _special0Stamp = 0;
-  uint64_t _special1Stamp = 0;
-  uint64_t _structureStamp = 0;
-  uint64_t _connectionStamp = 0;
-  uint64_t _completeStamp = 0;
-  // The first handle stamp of this system: every handle it makes carries one
-  // at least as high, every handle of its source one below.
-  uint64_t _firstHandleStamp = 0;
-  uint64_t _level = 1;
-  // Head of the modified list of nodes, port lists and top-level ports.
-  NodeInfo* _firstModified = g_modifiedListEnd;
-  uint64_t _attribValidationCount = 0;
-  GNODE_FLAGS_IMPL _systemFlags = GNODE_FLAGS_IMPL::NONE;
-  bool _mutable = false;
-  // False while no system that this one reaches (itself, its bases, the
-  // nested systems of its nodes, and theirs) holds a child record that hides
-  // or takes back an element of a lower level. Lookups then trust a hit in
-  // another system without IsRemovedAbove's walk over every prefix. Set by
-  // every write of such a record and taken over from a source, a base or a
-  // node's content; never cleared, so it may be true when nothing hides.
-  bool _mayHideBelow = false;
-  // The elements whose child tables adds of this modification left unsorted;
-  // the end of the modification sorts them. Made on first use: every node of
-  // a graph holds a system, so an empty member would cost every node.
-  std::unique_ptr<std::vector<NodePath>> _unsortedChildTables;
-  // Set while the class's FinalizeModification runs; an EndModification then
-  // is refused.
-  bool _finalizing = false;
-  uint64_t _validationMask = 0;
+  // --- Access to the state for code outside the class (see system_state.h).
+  friend struct ValidationAccess;
+  friend struct AttributeAccess;
+  friend struct ClassAccess;
+  friend class NodeSystemTestProbe;
 
  private:
+  // --- State, in groups by owner (see system_state.h).
+  StoreState _store;
+  StampState _stamps;
+  ValidationState _validation;
+  AttributeState _attributes;
+  ClassState _classState;
+
   // The plain lookup: own map (unless skipped), then the nested system of the
   // first part, then the base behind the root.
   FoundNode _FindPlain(NodePath::Block parts, uint64_t hash, bool skipOwn) const;
@@ -512,13 +451,14 @@ class NodeSystemImpl final : public NodeSystem {
   bool _MayHold(const NodeSystemImpl* holder, NodePath::Block parts) const;
   // The direct base, held in `_bases`; null for a system without one.
   const NodeSystemImpl* _BaseImpl() const noexcept {
-    return _bases.empty() ? nullptr : static_cast<const NodeSystemImpl*>(_bases[0].Get());
+    return _store._bases.empty() ? nullptr
+                                 : static_cast<const NodeSystemImpl*>(_store._bases[0].Get());
   }
   FoundNode _FindChecked(NodePath::Block parts, uint64_t hash, NODE_KIND kinds, bool mayBeAbsent,
                          bool skipOwn) const;
   // The stamp that a handle of a record of `holder` gets.
   uint64_t _StampFor(const NodeSystemImpl* holder) const noexcept {
-    return holder == this ? _movedStamp : _createdStamp;
+    return holder == this ? _stamps._movedStamp : _stamps._createdStamp;
   }
   // Frees the records that removal handed over to the modified lists.
   void _FreeGarbage() noexcept;
@@ -528,8 +468,8 @@ class NodeSystemImpl final : public NodeSystem {
   Result<AttributeTable*> _PrepareTable(NodeInfo* info);
   // The record of `id` in `info`'s table (which must exist), inserted as a
   // record that isn't derived if it is new.
-  Result<AttributeRecord*> _FindOrInsertRecord(NodeInfo* info, InternedId id,
-                                               ATTRIBUTE_FLAGS flags, bool* inserted);
+  Result<AttributeRecord*> _FindOrInsertRecord(NodeInfo* info, InternedId id, ATTRIBUTE_FLAGS flags,
+                                               bool* inserted);
   // The record of `id` in `info`'s own table after a call that may have
   // changed the table; made again if the call took it away.
   Result<AttributeRecord*> _RefindRecord(NodeInfo* info, InternedId id, ATTRIBUTE_FLAGS flags);
@@ -581,7 +521,14 @@ class NodeSystemImpl final : public NodeSystem {
   void _SortChildTables() noexcept;
   // Notes that this system now holds a child record that hides or takes back
   // an element of a lower level (see _mayHideBelow).
-  void _NoteHidingChildRecord() noexcept { _mayHideBelow = true; }
+  void _NoteHidingChildRecord() noexcept { _store._mayHideBelow = true; }
+  // The loop tables for writing, made if the system has none yet.
+  Result<LoopTables*> _WritableLoopTables();
+  // The two steps of Init that the installed stages provide (see
+  // ValidationStages): the derived attribute list, and the attribute setup of
+  // the root. Each does nothing without its stage.
+  Result<void> _InitDerivedAttributes();
+  Result<void> _InitRootAttributes();
   // Links `info` at the front of the system's modified list unless it is on
   // a list.
   void _LinkModified(NodeInfo* info) noexcept;

@@ -75,8 +75,8 @@ Result<void> NodeSystemImpl::_PlanRemoval(const GNode& node, const NodePath& top
       PortRecord* other = info->AsPort();
       if (!other) return ConditionError(CONDITION_KIND::ASSERTION, "other end is a port");
       (touch.bits == GFI::MODIFIED_SOURCES ? other->_sourcesStamp : other->_targetsStamp) =
-          _modificationStamp;
-      _connectionStamp = _modificationStamp;
+          _stamps._modificationStamp;
+      _stamps._connectionStamp = _stamps._modificationStamp;
     }
   }
   if (element.system != this) return Ok();
@@ -123,16 +123,19 @@ Result<void> NodeSystemImpl::_PlanClearConnections(const NodePath& self,
 
 void NodeSystemImpl::_ApplyRemoval(RemovalPlan& plan) noexcept {
   for (const RemovalPlan::Reverse& r : plan.reverse) {
-    if (ConnectionTable* table = ConnectionTableOf(_nodes->Find(r.other))) table->Erase(r.key);
+    if (ConnectionTable* table = ConnectionTableOf(_store._nodes->Find(r.other)))
+      table->Erase(r.key);
   }
   for (const NodePath& path : plan.held) {
-    if (ConnectionTable* table = ConnectionTableOf(_nodes->Find(path))) table->Clear();
+    if (ConnectionTable* table = ConnectionTableOf(_store._nodes->Find(path))) table->Clear();
     static_cast<void>(RemoveEntry(path));
   }
   NoteRemoval();
-  for (const NodePath& path : plan.paths) {
-    if (_loopDependencies.erase(path) > 0) {
-      _systemFlags |= GFI::MODIFIED_SAV_LOOP_DEPENDENCIES_CHANGE;
+  if (LoopTables* loops = _attributes._loops.get()) {
+    for (const NodePath& path : plan.paths) {
+      if (loops->_loopDependencies.erase(path) > 0) {
+        _validation._systemFlags |= GFI::MODIFIED_SAV_LOOP_DEPENDENCIES_CHANGE;
+      }
     }
   }
 }
@@ -144,10 +147,10 @@ Result<void> NodeSystemImpl::_MarkChildRemoved(GNode& parent) {
 }
 
 void NodeSystemImpl::_NoteChildRemoved(NodeInfo& parent) noexcept {
-  _removedStamp = _createdStamp;
-  ++_modificationStamp;
-  parent._childRemovedStamp = _modificationStamp;
-  _structureStamp = _modificationStamp;
+  _stamps._removedStamp = _stamps._createdStamp;
+  ++_stamps._modificationStamp;
+  parent._childRemovedStamp = _stamps._modificationStamp;
+  _stamps._structureStamp = _stamps._modificationStamp;
   _NoteHidingChildRecord();
 }
 
@@ -167,19 +170,19 @@ Result<void> NodeSystemImpl::RemoveImpl(const GNode& node, ChangeList* changeLis
     }
   } else if (HasAny(kind, NODE_KIND::PORT_MASK)) {
     if (path.IsTopLevelPort() && !StartsWithPortList(path)) {
-      return Error(ERROR_CLASS::ILLEGAL_ARGUMENT,
-                   FormatMessage("Top-level port @ cannot be removed. It belongs to a nested node.",
-                                 path));
+      return Error(
+          ERROR_CLASS::ILLEGAL_ARGUMENT,
+          FormatMessage("Top-level port @ cannot be removed. It belongs to a nested node.", path));
     }
   } else {
-    return Error(ERROR_CLASS::ILLEGAL_ARGUMENT,
-                 FormatMessage("@ cannot be removed. This is not a valid path of a node or port.",
-                               path));
+    return Error(
+        ERROR_CLASS::ILLEGAL_ARGUMENT,
+        FormatMessage("@ cannot be removed. This is not a valid path of a node or port.", path));
   }
   if (info->HasFlags(GFI::DERIVED_PORT_MASK) && !info->HasFlags(GFI::DIRECT_PORT) && !derived) {
-    return Error(ERROR_CLASS::ILLEGAL_ARGUMENT,
-                 FormatMessage("@ is a derived port, therefore it cannot be removed directly.",
-                               path));
+    return Error(
+        ERROR_CLASS::ILLEGAL_ARGUMENT,
+        FormatMessage("@ is a derived port, therefore it cannot be removed directly.", path));
   }
   ORVIX_TRY_ASSIGN(NodePath parentPath, ParentPath(path));
   GNode parent = MakeHandle(parentPath);
@@ -233,7 +236,7 @@ Result<void> NodeSystemImpl::ResetChild(const GNode& parent, InternedId id,
   const bool added = HasAny(record->flags, CHILD_FLAGS::ADDED);
   const CHILD_FLAGS oldFlags = record->flags;
   ORVIX_TRY_ASSIGN(NodePath childPath, owner.path.Append(id));
-  const NodeInfo* d = _nodes->Find(childPath);
+  const NodeInfo* d = _store._nodes->Find(childPath);
   if ((d != nullptr) != added) {
     return ConditionError(CONDITION_KIND::ASSERTION, "(d != nullptr) == added");
   }
@@ -263,7 +266,8 @@ Result<void> NodeSystemImpl::ResetChild(const GNode& parent, InternedId id,
   if (marked) marked = TouchConnectedPortsRecursive(back);
   if (marked) return Ok();
   if (Resolve(owner)) {
-    owner.info->children.FindOrInsert(id).flags = oldFlags & ~CHILD_FLAGS::ADDED;  // room made above
+    owner.info->children.FindOrInsert(id).flags =
+        oldFlags & ~CHILD_FLAGS::ADDED;  // room made above
     _NoteHidingChildRecord();
     NoteRemoval();
   }

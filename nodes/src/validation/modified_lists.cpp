@@ -10,6 +10,8 @@
 #include "orvix/host/format.h"
 #include "orvix/nodes/modified_bits_probe.h"
 #include "store/node_system_impl.h"
+#include "validation/validation_access.h"
+#include "validation/validation_stages.h"
 
 namespace orvix::nodes {
 
@@ -50,8 +52,8 @@ GNODE_FLAGS_IMPL NestedModifiedBits(GNODE_FLAGS_IMPL bits) noexcept {
 
 void NodeSystemImpl::_LinkModified(NodeInfo* info) noexcept {
   if (info->_nextModified) return;
-  info->_nextModified = _firstModified;
-  _firstModified = info;
+  info->_nextModified = _validation._firstModified;
+  _validation._firstModified = info;
 }
 
 Result<void> NodeSystemImpl::SetModified(GNode& node, GNODE_FLAGS_IMPL bits) {
@@ -60,7 +62,8 @@ Result<void> NodeSystemImpl::SetModified(GNode& node, GNODE_FLAGS_IMPL bits) {
   ORVIX_TRY_ASSIGN(NodeInfo * info, GetMutable(node, NODE_KIND::NONE));
   const GFI oldFlags = info->flags;
   const bool changed = (oldFlags | bits) != oldFlags;
-  const bool everyTouchCounts = (_validationMask & ToBits(GFI::INDUCED_DEPENDENCIES)) != 0;
+  const bool everyTouchCounts =
+      (_validation._validationMask & ToBits(GFI::INDUCED_DEPENDENCIES)) != 0;
 
   // A nested port is listed at its top-level port: find that first, so that a
   // failure leaves no bits behind that no list knows of.
@@ -78,7 +81,7 @@ Result<void> NodeSystemImpl::SetModified(GNode& node, GNODE_FLAGS_IMPL bits) {
     if (!topInfo->AsPort()) return missing();
   }
 
-  _systemFlags |= bits;
+  _validation._systemFlags |= bits;
   info->flags |= bits;
   if (!changed && !everyTouchCounts) return Ok();
   if (!info->AsPort()) {
@@ -92,7 +95,7 @@ Result<void> NodeSystemImpl::SetModified(GNode& node, GNODE_FLAGS_IMPL bits) {
     _LinkModified(topInfo);
     const GFI nested = NestedModifiedBits(bits);
     topInfo->flags |= nested;
-    _systemFlags |= nested;
+    _validation._systemFlags |= nested;
     if (!info->_nextModified) {
       info->_nextModified = topPort->_firstNestedModified;
       topPort->_firstNestedModified = info;
@@ -146,7 +149,7 @@ void ClearList(NodeInfo** head, GFI bits, NestedHandler&& nestedOf) noexcept {
 
 void NodeSystemImpl::ClearModified(GNODE_FLAGS_IMPL bits) noexcept {
   const GFI nested = NestedModifiedBits(bits);
-  ClearList(&_firstModified, bits, [&](NodeInfo* r) {
+  ClearList(&_validation._firstModified, bits, [&](NodeInfo* r) {
     PortRecord* port = r->AsPort();
     if (!port || !HasAny(r->flags, nested)) return;
     ClearList(&port->_firstNestedModified, bits, [](NodeInfo*) {});
@@ -154,7 +157,7 @@ void NodeSystemImpl::ClearModified(GNODE_FLAGS_IMPL bits) noexcept {
   });
   // SetModified puts the nested bits into the system word too; they go with
   // the bits that stand for them.
-  _systemFlags &= ~(bits | nested);
+  _validation._systemFlags &= ~(bits | nested);
 }
 
 Result<void> NodeSystemImpl::PurgeGarbage() {
@@ -186,7 +189,7 @@ Result<GFI> ProbeModifiedBits(const NodeSystem& system, const GNode& node) {
 Result<GFI> ProbeSystemModifiedBits(const NodeSystem& system) {
   const NodeSystemImpl* impl = AsImpl(system);
   if (!impl) return ConditionError(CONDITION_KIND::ILLEGAL_ARGUMENT, "system is a NodeSystemImpl");
-  return impl->_systemFlags;
+  return ValidationAccess::State(*impl)._systemFlags;
 }
 
 }  // namespace orvix::nodes

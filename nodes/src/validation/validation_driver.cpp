@@ -16,6 +16,7 @@
 #include "orvix/nodes/config_variables.h"
 #include "store/node_system_impl.h"
 #include "validation/validation_queue.h"
+#include "validation/validation_stages.h"
 
 namespace orvix::nodes {
 
@@ -69,9 +70,10 @@ Result<void> NodeSystemImpl::Validate(ChangeList* changeList) {
 
 Result<void> NodeSystemImpl::ValidateTopology() {
   ORVIX_TRY(CheckModification(true));
-  if (!HasAny(_systemFlags, TOPOLOGY_BITS)) return Ok();
+  if (!HasAny(_validation._systemFlags, TOPOLOGY_BITS)) return Ok();
   const Clock::time_point start = Clock::now();
-  if (_stages && _stages->validateTopology) ORVIX_TRY(_stages->validateTopology(*this));
+  if (_validation._stages && _validation._stages->validateTopology)
+    ORVIX_TRY(_validation._stages->validateTopology(*this));
   ClearModified(TOPOLOGY_BITS);
   ShowTime("Time for topology validation: @", start);
   return Ok();
@@ -83,35 +85,35 @@ Result<void> NodeSystemImpl::ValidatePorts(ChangeList* changeList) {
   static_cast<void>(changeList);
   ORVIX_TRY(CheckModification(true));
   ORVIX_TRY(ValidateTopology());
-  if (uint32_t(ToBits(_systemFlags)) < FIRST_PORT_BIT) return Ok();
+  if (uint32_t(ToBits(_validation._systemFlags)) < FIRST_PORT_BIT) return Ok();
   const Clock::time_point start = Clock::now();
-  if (_stages && _stages->validatePort) ORVIX_TRY(_RunPortPasses());
+  if (_validation._stages && _validation._stages->validatePort) ORVIX_TRY(_RunPortPasses());
   ClearModified(GFI::MODIFIED_PV_ALL);
   ShowTime("Time for port validation: @", start);
   return Ok();
 }
 
 Result<void> NodeSystemImpl::_RunPortPasses() {
-  const uint64_t indexCount = _topology ? _topology->GetIndexCount() : 0;
+  const uint64_t indexCount = _validation._topology ? _validation._topology->GetIndexCount() : 0;
   for (const PortPass& pass : PORT_PASSES) {
     ValidationQueue queue(*this, pass.descending, indexCount);
-    _portValidation = &queue;
-    _validationMask = pass.mask;
+    _validation._portValidation = &queue;
+    _validation._validationMask = pass.mask;
     struct EndPass {
       ValidationQueue*& pointer;
       ~EndPass() { pointer = nullptr; }
-    } endPass{_portValidation};
+    } endPass{_validation._portValidation};
 
     const bool inherited = pass.direction == GFI::DERIVED_PORT_INHERITED;
     const GFI workBits = GFI(pass.mask) & GFI::MODIFIED_MASK;
     // New records go to the front of the list, so records that this walk
     // marks are behind it already and are not visited twice.
-    for (NodeInfo* r = _firstModified; IsListed(r); r = r->_nextModified) {
+    for (NodeInfo* r = _validation._firstModified; IsListed(r); r = r->_nextModified) {
       if (!HasAny(r->flags, workBits) || HasAny(r->flags, GFI::MODIFIED_G_GARBAGE) ||
           !r->AsPort()) {
         continue;
       }
-      GNode port(r->_path, r, this, _movedStamp);
+      GNode port(r->_path, r, this, _stamps._movedStamp);
       if (inherited && r->GetKind() == NODE_KIND::OUTPORT &&
           HasAll(r->flags, GFI::MODIFIED_PV_TARGETS | GFI::CONTEXT_PARAMETER_PORT)) {
         ORVIX_TRY(SetModified(port, GFI::MODIFIED_ATTRIBUTES));
@@ -123,7 +125,7 @@ Result<void> NodeSystemImpl::_RunPortPasses() {
       // A port that an earlier step removed is garbage now; nothing to do.
       Refresh(port);
       if (!port.info || HasAny(port.info->flags, GFI::MODIFIED_G_GARBAGE)) return Ok();
-      return _stages->validatePort(*this, port, pass.direction);
+      return _validation._stages->validatePort(*this, port, pass.direction);
     }));
   }
   return Ok();
@@ -131,11 +133,11 @@ Result<void> NodeSystemImpl::_RunPortPasses() {
 
 Result<void> NodeSystemImpl::ValidateAttributes(ChangeList* changeList) {
   ORVIX_TRY(CheckModification(true));
-  if (!HasAny(_systemFlags, ATTRIBUTE_BITS)) return Ok();
+  if (!HasAny(_validation._systemFlags, ATTRIBUTE_BITS)) return Ok();
   const Clock::time_point start = Clock::now();
-  if (_stages && _stages->validateAttributes) {
-    Result<void> derived = _stages->validateAttributes(*this, changeList);
-    _attribSetup = nullptr;
+  if (_validation._stages && _validation._stages->validateAttributes) {
+    Result<void> derived = _validation._stages->validateAttributes(*this, changeList);
+    _attributes._attribSetup = nullptr;
     ORVIX_TRY(derived);
   } else {
     ClearModified(ATTRIBUTE_BITS);
@@ -145,11 +147,11 @@ Result<void> NodeSystemImpl::ValidateAttributes(ChangeList* changeList) {
 }
 
 Result<void> NodeSystemImpl::ScheduleNeighbours(const GNode& port, GNODE_FLAGS_IMPL oldFlags) {
-  if (!_portValidation && !_attribSetup) return Ok();
+  if (!_validation._portValidation && !_attributes._attribSetup) return Ok();
   if (!port.info) return Ok();
-  const uint64_t added = ToBits(port.info->flags) & ~ToBits(oldFlags) & _validationMask;
-  if (ValidationQueue* queue = _portValidation) {
-    const bool inherited = (_validationMask & ToBits(GFI::HAS_SOURCE_SHORTCUTS)) != 0;
+  const uint64_t added = ToBits(port.info->flags) & ~ToBits(oldFlags) & _validation._validationMask;
+  if (ValidationQueue* queue = _validation._portValidation) {
+    const bool inherited = (_validation._validationMask & ToBits(GFI::HAS_SOURCE_SHORTCUTS)) != 0;
     const uint64_t spread =
         ToBits(inherited ? (GFI::MODIFIED_PV_CHILDREN | GFI::MODIFIED_PV_SHORTCUT)
                          : GFI::MODIFIED_PV_CHILDREN);
@@ -162,10 +164,11 @@ Result<void> NodeSystemImpl::ScheduleNeighbours(const GNode& port, GNODE_FLAGS_I
                                       [queue](const GNode& other) { return queue->Put(other); }));
     }
   }
-  if (AttributeSetup* setup = _attribSetup; setup && (added & ATTRIBUTE_SPREAD_BITS)) {
+  if (AttributeSetup* setup = _attributes._attribSetup; setup && (added & ATTRIBUTE_SPREAD_BITS)) {
     NEIGHBOUR_FLAGS flags = NEIGHBOUR_FLAGS::NONE;
-    if (_validationMask & ToBits(GFI::MODIFIED_SAV_ALL)) flags |= NEIGHBOUR_FLAGS::SHORTCUTS;
-    if (_validationMask & ToBits(GFI::INDUCED_DEPENDENCIES)) {
+    if (_validation._validationMask & ToBits(GFI::MODIFIED_SAV_ALL))
+      flags |= NEIGHBOUR_FLAGS::SHORTCUTS;
+    if (_validation._validationMask & ToBits(GFI::INDUCED_DEPENDENCIES)) {
       flags |= NEIGHBOUR_FLAGS::INDUCED_DEPENDENCIES;
     }
     // Attributes of the other direction that are derived later must see the
@@ -239,6 +242,18 @@ Result<void> NodeSystemImpl::VisitConnectedTopLevelPorts(
     ORVIX_TRY(visit(handle));
   }
   return Ok();
+}
+
+Result<void> NodeSystemImpl::_InitDerivedAttributes() {
+  const ValidationStages* stages = _validation._stages;
+  if (!stages || !stages->initDerivedAttributes) return Ok();
+  return stages->initDerivedAttributes(*this);
+}
+
+Result<void> NodeSystemImpl::_InitRootAttributes() {
+  const ValidationStages* stages = _validation._stages;
+  if (!stages || !stages->initRootAttributes) return Ok();
+  return stages->initRootAttributes(*this);
 }
 
 }  // namespace orvix::nodes

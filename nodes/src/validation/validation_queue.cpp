@@ -6,6 +6,8 @@
 
 #include "orvix/host/diagnostics.h"
 #include "store/node_system_impl.h"
+#include "validation/validation_access.h"
+#include "validation/validation_stages.h"
 
 namespace orvix::nodes {
 
@@ -18,7 +20,7 @@ Result<void> ValidationQueue::Put(const GNode& port) {
     ORVIX_TRY_ASSIGN(NodePath topPath, port.path.GetTopLevelPort());
     top = _system->MakeResolvedHandle(topPath);
   }
-  const TopologyData* topology = _system->_topology.Get();
+  const TopologyData* topology = ValidationAccess::State(*_system)._topology.Get();
   const std::optional<uint32_t> index = topology ? topology->GetIndex(top.path) : std::nullopt;
   if (!top || !index || *index >= topology->GetIndexCount()) {
     // Every top-level port of a validated topology has an index.

@@ -69,12 +69,4 @@ struct AttributeSetup {
 // nested ports.
 GNODE_FLAGS_IMPL NestedModifiedBits(GNODE_FLAGS_IMPL bits) noexcept;
 
-// Flags of a neighbour query beyond the plain connections.
-enum class NEIGHBOUR_FLAGS : uint32_t {
-  NONE = 0,
-  SHORTCUTS = 1,             // shortcut connections count as well
-  INDUCED_DEPENDENCIES = 2,  // induced dependencies count as well
-};
-ORVIX_FLAG_SET_OPERATORS(NEIGHBOUR_FLAGS)
-
 }  // namespace orvix::nodes

@@ -24,17 +24,17 @@
 namespace orvix::nodes {
 
 enum class GET_CONNECTIONS_FLAGS : uint32_t {
-  NONE = 0x0,                     // nothing is reported
-  SOURCES = 0x1,                  // report records whose other end is a source
-  TARGETS = 0x2,                  // report records whose other end is a target
-  TOP_LEVEL_PORTS = 0x4,          // report the top-level port of the other end
-  INHERITED_ONLY = 0x8,           // report only what the bases supply
-  SHORTCUTS = 0x10,               // read shortcut records instead; no ancestors
-  FILTER_SHORTCUTS = 0x20,        // let the derivation handler confirm filter shortcuts
-  EXTERNAL_CONNECTIONS = 0x40,    // only wires that leave the port's node
-  WITHOUT_INHIBITED = 0x80,       // skip records with a wire on the inhibit channel
-  WITHOUT_IMPLICIT = 0x100,       // don't walk up to ancestor ports
-  INDUCED_DEPENDENCIES = 0x200,   // report induced dependencies too (with SHORTCUTS)
+  NONE = 0x0,                    // nothing is reported
+  SOURCES = 0x1,                 // report records whose other end is a source
+  TARGETS = 0x2,                 // report records whose other end is a target
+  TOP_LEVEL_PORTS = 0x4,         // report the top-level port of the other end
+  INHERITED_ONLY = 0x8,          // report only what the bases supply
+  SHORTCUTS = 0x10,              // read shortcut records instead; no ancestors
+  FILTER_SHORTCUTS = 0x20,       // let the derivation handler confirm filter shortcuts
+  EXTERNAL_CONNECTIONS = 0x40,   // only wires that leave the port's node
+  WITHOUT_INHIBITED = 0x80,      // skip records with a wire on the inhibit channel
+  WITHOUT_IMPLICIT = 0x100,      // don't walk up to ancestor ports
+  INDUCED_DEPENDENCIES = 0x200,  // report induced dependencies too (with SHORTCUTS)
 };
 ORVIX_FLAG_SET_OPERATORS(GET_CONNECTIONS_FLAGS)
 
@@ -70,5 +70,13 @@ struct ConnectionQuery {
 // doesn't set it: the constant array of the id "out" for an output, "in"
 // otherwise.
 const Data& IoNodesDefault(bool output);
+
+// Flags of a neighbour query beyond the plain connections.
+enum class NEIGHBOUR_FLAGS : uint32_t {
+  NONE = 0,
+  SHORTCUTS = 1,             // shortcut connections count as well
+  INDUCED_DEPENDENCIES = 2,  // induced dependencies count as well
+};
+ORVIX_FLAG_SET_OPERATORS(NEIGHBOUR_FLAGS)
 
 }  // namespace orvix::nodes

@@ -88,8 +88,8 @@ namespace {
 // One run of GetConnections: the state its steps share.
 class ConnectionWalk {
  public:
-  ConnectionWalk(const NodeSystemImpl& system, ConnectionQuery& query, GCF flags,
-                 uint64_t maxDepth, const GNode& port)
+  ConnectionWalk(const NodeSystemImpl& system, ConnectionQuery& query, GCF flags, uint64_t maxDepth,
+                 const GNode& port)
       : _system(system), _query(query), _flags(flags), _maxDepth(maxDepth), _port(port) {}
 
   Result<bool> Run(uint64_t wiresMask);
@@ -102,13 +102,12 @@ class ConnectionWalk {
     NodePath::Block parts;   // the level's path
     NodePath::Block suffix;  // the port's path below the level
     size_t depth = 0;
-    Wires mask[2];           // the remaining masks at the start of the level
+    Wires mask[2];  // the remaining masks at the start of the level
   };
 
   Result<void> CollectInduced();
-  Result<STEP> HandleRecord(const Level& level, const NodeInfo* layer,
-                            const NodeSystemImpl* holder, size_t k, const ConnectionKey& key,
-                            const ConnectionData& data);
+  Result<STEP> HandleRecord(const Level& level, const NodeInfo* layer, const NodeSystemImpl* holder,
+                            size_t k, const ConnectionKey& key, const ConnectionData& data);
   // Takes the channels of a source record of the level's port off what
   // remains for sources, if the record is that port's own source there.
   Result<void> HideSourceChannels(const NodeInfo* layer, const NodeSystemImpl* holder,
@@ -153,16 +152,18 @@ Result<void> ConnectionWalk::CollectInduced() {
     }
     return Ok();
   };
+  const LoopTables* loops = _system.GetLoopTables();
+  if (!loops) return Ok();
   if (HasAny(_flags, GCF::SOURCES)) {
-    const auto it = _system._inducedSources.find(_port.path);
-    if (it != _system._inducedSources.end()) ORVIX_TRY(add(it->second.paths));
+    const auto it = loops->_inducedSources.find(_port.path);
+    if (it != loops->_inducedSources.end()) ORVIX_TRY(add(it->second.paths));
   }
   static const InternedId targetFlag = InternedId::Get("loopdependencytarget");
   const Data* isTarget =
       NodeSystemImpl::GetStoredValue(_port.info, _port.system, targetFlag, false, nullptr);
   if (HasAny(_flags, GCF::TARGETS) && isTarget && isTarget->Get<bool>().ValueOr(false)) {
-    const auto it = _system._inducedTargets.find(_port.path);
-    if (it != _system._inducedTargets.end()) ORVIX_TRY(add(it->second));
+    const auto it = loops->_inducedTargets.find(_port.path);
+    if (it != loops->_inducedTargets.end()) ORVIX_TRY(add(it->second));
   }
   return Ok();
 }
@@ -229,7 +230,8 @@ Result<bool> ConnectionWalk::Run(uint64_t wiresMask) {
       } else if (record) {
         // The one record of the filter's port at this layer: the filter's
         // path relative to the layer's system, without the nested parts.
-        if (filter.size() >= k + level.depth && BlocksEqual(filter.first(k), level.parts.first(k))) {
+        if (filter.size() >= k + level.depth &&
+            BlocksEqual(filter.first(k), level.parts.first(k))) {
           NodePath relative = _query.filterPath;
           if (k > 0 || level.depth > 0) {
             ORVIX_TRY_ASSIGN(relative,
@@ -382,8 +384,7 @@ Result<bool> ConnectionWalk::IsShortcutValid(const NodeSystemImpl* holder,
   const PortRecord* record = targetLayer->AsPort();
   const ConnectionData* back =
       record ? record->connections.Find(ConnectionKey::Make(
-                   portLayer->_path, CONNECTION_TYPE::SHORTCUT,
-                   CONNECTION_DIRECTION::SOURCE))
+                   portLayer->_path, CONNECTION_TYPE::SHORTCUT, CONNECTION_DIRECTION::SOURCE))
              : nullptr;
   if (!back) return false;
   if (back->wires.IsEmpty()) return ConditionError(CONDITION_KIND::ASSERTION, "w->wires");
@@ -409,8 +410,8 @@ Result<bool> ConnectionWalk::Accept(const Level& level, const NodeSystemImpl* ho
     for (size_t i = 0; i < level.depth && !mask.IsEmpty(); ++i) {
       NodePath prefix = otherPath;
       if (i > 0) {
-        ORVIX_TRY_ASSIGN(prefix, otherPath.Slice(0, NodePath::SliceCount(
-                                                        int64_t(otherPath.GetCount() - i))));
+        ORVIX_TRY_ASSIGN(
+            prefix, otherPath.Slice(0, NodePath::SliceCount(int64_t(otherPath.GetCount() - i))));
       }
       const FoundNode found = _system.FindNode(prefix);
       if (!found) return MissingPath(prefix);
@@ -440,8 +441,7 @@ Result<bool> ConnectionWalk::Accept(const Level& level, const NodeSystemImpl* ho
     return false;
   }
   if (HasAny(_flags, GCF::EXTERNAL_CONNECTIONS) &&
-      CommonPrefixLength(_port.path.ToBlock(), otherPath.ToBlock()) >=
-          _port.path.GetNodeCount()) {
+      CommonPrefixLength(_port.path.ToBlock(), otherPath.ToBlock()) >= _port.path.GetNodeCount()) {
     return false;
   }
   if (level.depth > 0) w |= Wires(UsedChannels(w).GetValue() & IMPLICIT_BITS);
@@ -459,11 +459,10 @@ Result<bool> ConnectionWalk::Accept(const Level& level, const NodeSystemImpl* ho
     // or its target shortcut from a filter source.
     const NodeInfo* portInfo = _port.info;
     const NodeInfo* otherInfo = reportedFound.info;
-    const bool filterPair =
-        isTarget ? portInfo->HasFlags(GFI::FILTER_SHORTCUT_SOURCE) &&
-                       otherInfo->HasFlags(GFI::FILTER_SHORTCUT_TARGET)
-                 : portInfo->HasFlags(GFI::FILTER_SHORTCUT_TARGET) &&
-                       otherInfo->HasFlags(GFI::FILTER_SHORTCUT_SOURCE);
+    const bool filterPair = isTarget ? portInfo->HasFlags(GFI::FILTER_SHORTCUT_SOURCE) &&
+                                           otherInfo->HasFlags(GFI::FILTER_SHORTCUT_TARGET)
+                                     : portInfo->HasFlags(GFI::FILTER_SHORTCUT_TARGET) &&
+                                           otherInfo->HasFlags(GFI::FILTER_SHORTCUT_SOURCE);
     if (filterPair) {
       // The handlers of both ports decide together, or not at all.
       GNode other(reported, reportedFound.info, reportedFound.system, 0);
@@ -600,7 +599,8 @@ Result<bool> NodeSystemImpl::GetConnections(const GNode& port, PORT_DIR directio
                                             const ConnectionCallback& callback) const {
   ORVIX_CHECK_ARGUMENT(callback);
   GCF flags = direction == PORT_DIR::OUTPUT ? GCF::TARGETS : GCF::SOURCES;
-  if (HasAny(mode, GET_CONNECTIONS_MODE::SHORTCUTS)) flags |= GCF::SHORTCUTS | GCF::FILTER_SHORTCUTS;
+  if (HasAny(mode, GET_CONNECTIONS_MODE::SHORTCUTS))
+    flags |= GCF::SHORTCUTS | GCF::FILTER_SHORTCUTS;
   if (HasAny(mode, GET_CONNECTIONS_MODE::EXTERNAL_CONNECTIONS)) flags |= GCF::EXTERNAL_CONNECTIONS;
   if (HasAny(mode, GET_CONNECTIONS_MODE::WITHOUT_INHIBITED)) flags |= GCF::WITHOUT_INHIBITED;
   if (HasAny(mode, GET_CONNECTIONS_MODE::INDUCED_DEPENDENCIES)) {
@@ -687,7 +687,7 @@ Result<void> NodeSystemImpl::CheckConnectionConsistency() const {
         pending.push_back(MakeResolvedHandle(childPath));
       }
     }
-    for (const NodeMap* layer = _nodes.Get(); layer; layer = layer->GetParent()) {
+    for (const NodeMap* layer = _store._nodes.Get(); layer; layer = layer->GetParent()) {
       layer->ForEachEntry([&](const NodeMap::Entry& e) {
         if (e.IsPublished() && e.info->AsPort()) addPort(MakeResolvedHandle(e.path));
       });
