@@ -12,6 +12,7 @@
 #include "bench_support.h"
 #include "node_system_probe.h"
 #include "orvix/nodes/modification.h"
+#include "orvix/nodes/node_system_class.h"
 #include "store/node_system_impl.h"
 
 namespace orvix::nodes {

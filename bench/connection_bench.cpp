@@ -14,6 +14,7 @@
 #include "bench_support.h"
 #include "orvix/nodes/modification.h"
 #include "orvix/nodes/node_system.h"
+#include "orvix/nodes/node_system_class.h"
 #include "store/node_system_impl.h"
 
 namespace orvix::nodes {

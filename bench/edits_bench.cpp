@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "bench_support.h"
+#include "orvix/graph/wires.h"
 #include "orvix/nodes/modification.h"
 #include "orvix/nodes/node_system.h"
 #include "orvix/nodes/node_system_class.h"

@@ -11,6 +11,7 @@
 #include <string>
 #include <string_view>
 
+#include "orvix/graph/wires.h"
 #include "orvix/host/object_system.h"
 #include "orvix/nodes/modification.h"
 #include "orvix/nodes/module.h"

@@ -15,6 +15,7 @@
 #include "node_system_probe.h"
 #include "orvix/host/data_accessor.h"
 #include "orvix/nodes/modification.h"
+#include "orvix/nodes/node_system_class.h"
 #include "store/node_system_impl.h"
 #include "validation/validation_stages.h"
 

@@ -8,6 +8,7 @@
 
 #include "orvix/host/diagnostics.h"
 #include "orvix/host/object_system.h"
+#include "orvix/nodes/derivation_handler.h"
 #include "orvix/nodes/modification.h"
 #include "orvix/nodes/module.h"
 #include "orvix/nodes/node_system_class_impl.h"

@@ -12,6 +12,7 @@
 #include "node_system_probe.h"
 #include "orvix/host/diagnostics.h"
 #include "orvix/nodes/config_variables.h"
+#include "orvix/nodes/derivation_handler.h"
 
 namespace orvix::nodes::test {
 namespace {

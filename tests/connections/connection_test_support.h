@@ -9,6 +9,7 @@
 #include <tuple>
 #include <vector>
 
+#include "orvix/nodes/node_system_class.h"
 #include "store/node_system_impl.h"
 
 namespace orvix::nodes::test {

@@ -13,6 +13,7 @@
 
 #include "orvix/nodes/modification.h"
 #include "orvix/nodes/modified_bits_probe.h"
+#include "orvix/nodes/node_system_class.h"
 #include "store/node_system_impl.h"
 
 namespace orvix::nodes::test {

@@ -4,6 +4,8 @@
 #include "node_system_probe.h"
 #include "orvix/nodes/config_variables.h"
 #include "orvix/nodes/modification.h"
+#include "orvix/nodes/node_system_class.h"
+#include "orvix/nodes/node_template.h"
 #include "validation_test_support.h"
 
 namespace orvix::nodes::test {

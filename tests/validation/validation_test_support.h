@@ -12,6 +12,7 @@
 #include "node_system_probe.h"
 #include "orvix/graph/node_path.h"
 #include "orvix/nodes/modified_bits_probe.h"
+#include "orvix/nodes/node_system_class.h"
 #include "store/node_system_impl.h"
 #include "validation/validation_stages.h"
 

@@ -9,8 +9,10 @@
 #include <utility>
 #include <vector>
 
+#include "orvix/host/data_accessor.h"
 #include "orvix/host/error.h"
 #include "orvix/host/format.h"
+#include "orvix/nodes/node_system_class.h"
 #include "store/node_system_impl.h"
 #include "validation/validation_stages.h"
 

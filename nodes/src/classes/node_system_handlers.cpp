@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "orvix/host/error.h"
+#include "orvix/nodes/derivation_handler.h"
 #include "store/node_system_impl.h"
 
 namespace orvix::nodes {

@@ -9,6 +9,7 @@
 #include "orvix/host/error.h"
 #include "orvix/host/format.h"
 #include "orvix/nodes/modification.h"
+#include "orvix/nodes/node_system_class.h"
 #include "store/node_system_impl.h"
 
 namespace orvix::nodes {

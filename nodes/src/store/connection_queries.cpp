@@ -13,6 +13,7 @@
 #include "orvix/host/diagnostics.h"
 #include "orvix/host/error.h"
 #include "orvix/host/format.h"
+#include "orvix/nodes/derivation_handler.h"
 #include "store/node_system_impl.h"
 
 namespace orvix::nodes {

@@ -10,6 +10,8 @@
 #include "orvix/host/format.h"
 #include "orvix/nodes/config_variables.h"
 #include "orvix/nodes/modification.h"
+#include "orvix/nodes/node_system_class.h"
+#include "orvix/nodes/node_template.h"
 #include "store/node_system_impl.h"
 
 namespace orvix::nodes {

@@ -16,14 +16,21 @@
 #include <memory>
 #include <vector>
 
+#include "orvix/graph/connection.h"
 #include "orvix/graph/node_kind.h"
 #include "orvix/graph/node_path.h"
+#include "orvix/graph/wires.h"
+#include "orvix/host/data.h"
 #include "orvix/host/function_ref.h"
 #include "orvix/host/interned_id.h"
 #include "orvix/host/ref.h"
 #include "orvix/host/result.h"
+#include "orvix/nodes/derivation_handler.h"
 #include "orvix/nodes/gnode.h"
 #include "orvix/nodes/node_system.h"
+#include "orvix/nodes/node_system_class.h"
+#include "orvix/nodes/node_template.h"
+#include "orvix/nodes/template_arguments.h"
 #include "store/connection_queries.h"
 #include "store/node_info.h"
 #include "store/node_map.h"

@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "demo.h"
+#include "orvix/graph/connection.h"
 #include "orvix/host/format.h"
 
 namespace orvix::tool::demo {

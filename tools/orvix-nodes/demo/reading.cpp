@@ -1,6 +1,7 @@
 // The reads that the demo's chapters share: values, elements, a whole graph.
 
 #include "demo.h"
+#include "orvix/graph/connection.h"
 #include "orvix/host/format.h"
 
 namespace orvix::tool::demo {

@@ -13,89 +13,40 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <functional>
-#include <string>
+#include <span>
 #include <string_view>
-#include <unordered_map>
 #include <vector>
 
-#include "orvix/graph/connection.h"
-#include "orvix/graph/flags.h"
 #include "orvix/graph/node_kind.h"
 #include "orvix/graph/node_path.h"
-#include "orvix/graph/wires.h"
-#include "orvix/host/data.h"
-#include "orvix/host/data_accessor.h"
 #include "orvix/host/interned_id.h"
 #include "orvix/host/ref.h"
 #include "orvix/host/result.h"
-#include "orvix/nodes/derivation_handler.h"
 #include "orvix/nodes/gnode.h"
-#include "orvix/nodes/node_system_class.h"
-#include "orvix/nodes/node_template.h"
-#include "orvix/nodes/template_arguments.h"
+#include "orvix/nodes/node_system_callbacks.h"
+#include "orvix/nodes/node_system_types.h"
+
+// Every client includes this header, so the types that the operations only
+// pass along are declared, not included: a caller that makes or reads a Data,
+// a template or a connection's attributes includes that type's own header.
+namespace orvix {
+
+class ConnectionAttributes;
+class Data;
+class DataAccessor;
+class Wires;
+// Declared with the type it has in orvix/graph/connection.h, which defines it.
+enum class GET_CONNECTIONS_MODE : uint32_t;
+
+}  // namespace orvix
 
 namespace orvix::nodes {
 
-// The class id of node systems.
-inline constexpr std::string_view NODE_SYSTEM_CLASS_ID = "net.orvix.node.class.nodesystem";
-
-// The reserved id of the port that stands for a nested node system; it is
-// never a candidate of GetChild without an id.
-inline constexpr std::string_view NODE_SYSTEM_PORT_ID = "net.orvix.node.port.nodesystem";
-
-// What changed since a stamp, as the graph model reports it.
-enum class MODIFIED : uint64_t {
-  NONE = 0x0,
-  COMPLETE = 0x1,  // anything may have changed: start over
-  DIRECT_ATTRIBUTE = 0x2,
-  DIRECT_META_ATTRIBUTE = 0x4,
-  INHERITED_ATTRIBUTE = 0x8,
-  SYNTHESIZED_ATTRIBUTE = 0x10,
-  USER_STATE_ATTRIBUTE = 0x20,
-  NODE_ADDED = 0x40,
-  CHILD_REMOVED = 0x80,
-  CONNECTION_SOURCES = 0x100,  // the incoming connections of a port
-  CONNECTION_TARGETS = 0x200,  // the outgoing connections of a port
-  SPECIAL0 = 0x400,
-  SPECIAL1 = 0x800,
-
-  DATA_ATTRIBUTE_MASK = 0x1a,
-  NODE_MASK = 0xc0,
-  CONNECTION_MASK = 0x300,
-};
-ORVIX_FLAG_SET_OPERATORS(MODIFIED)
-
-// Called with each changed element and what changed at it; false ends the walk.
-using ChangeCallback = std::function<Result<bool>(const GNode& node, MODIFIED what)>;
-// Called with each effective connection of a port: the port at the other end,
-// the wires (IMPLICIT set in each used channel for a wire of an ancestor port)
-// and the connection's attributes (null for none); false ends the walk.
-using ConnectionCallback = std::function<Result<bool>(
-    const GNode& other, Wires wires, const Ref<ConnectionAttributes>& attributes)>;
-// Called with each attribute of a connection in array order; false ends the
-// walk.
-using ConnectionValueCallback =
-    std::function<bool(CONNECTION_ATTRIBUTE_KIND kind, InternedId id, const Data& value)>;
-// Called with each value of an attribute along an element's base chain,
-// nearest first, with its prefix (see GetValueWithCallback); false ends the
-// walk.
-using ValueCallback = std::function<Result<bool>(const Data& value, int64_t prefix)>;
-// Called with each value of an element that changed after a stamp (empty for
-// a value that was erased); false ends the walk.
-using ChangedValueCallback = std::function<Result<bool>(InternedId id, const Data& value)>;
-// The values of an element by attribute id, as GetValues fills them.
-using ValueMap = std::unordered_map<InternedId, Data>;
-
-// What GetValues takes: values set directly, derived values, and from
-// VALUES_FLAGS_SHIFT up the attribute flags that a value's attribute must
-// share.
-inline constexpr uint32_t VALUES_DIRECT = 0x1;
-inline constexpr uint32_t VALUES_DERIVED = 0x2;
-inline constexpr uint32_t VALUES_ALL = VALUES_DIRECT | VALUES_DERIVED;
-
-// Called with each node of a subtree; false ends the walk.
-using NodeVisitor = std::function<Result<bool>(const GNode& node)>;
+class ChangeList;
+class NodeSystemClass;
+class NodeSystemDerivationHandler;
+class NodeTemplate;
+class TemplateArguments;
 
 class NodeSystem : public RefCounted {
  public:

@@ -18,6 +18,7 @@
 #include "orvix/host/result.h"
 #include "orvix/nodes/derived_attribute.h"
 #include "orvix/nodes/gnode.h"
+#include "orvix/nodes/node_system_types.h"
 #include "orvix/nodes/node_template.h"
 
 namespace orvix::nodes {
@@ -33,18 +34,6 @@ inline constexpr std::string_view NODE_SYSTEM_CLASS_INTERFACE_ID =
 inline constexpr std::string_view CORE_NODE_SYSTEM_CLASS_ID = "net.orvix.corenode.nodesystemclass";
 inline constexpr std::string_view CORE_BASE_NODE_SYSTEM_CLASS_ID =
     "net.orvix.corenode.basenodesystemclass";
-
-// How a modification ends.
-enum class FINALIZE_FLAGS : uint32_t {
-  // The caller has validated the system itself: EndModification neither asks
-  // the class nor validates, and fails if anything is pending.
-  NONE = 0,
-  // The normal end of a modification.
-  CLEANUP = 1,
-  // The system is finished as the content of a group.
-  FOR_GROUP = 2,
-};
-ORVIX_FLAG_SET_OPERATORS(FINALIZE_FLAGS)
 
 class NodeSystemClass : public RefCounted {
  public:
