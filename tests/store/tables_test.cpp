@@ -7,6 +7,7 @@
 #include <numeric>
 #include <random>
 
+#include "must.h"
 #include "store/connection_table.h"
 #include "store/node_map.h"
 #include "store/sorted_table.h"
@@ -164,6 +165,50 @@ TEST(NodeMap, ADeepChainOfLayersIsReleasedWithoutRecursion) {
   for (int i = 0; i < 100000; ++i) map = NodeMap::Create(map).Value();
   EXPECT_EQ(map->GetDepth(), 100000u);
   map.Reset();  // would overflow the stack if each layer released the next recursively
+}
+
+#ifndef NDEBUG
+constexpr bool DEBUG_ASSERTS = true;
+#else
+constexpr bool DEBUG_ASSERTS = false;
+#endif
+
+// What a layer promises itself, checked by debug builds where it is written:
+// one entry per path, a tombstone only over something it hides, a published
+// entry with a record, and a deletion only of the layer's own entries.
+TEST(NodeMapDeathTest, DebugBuildsStopAnEntryThatBreaksTheLayering) {
+  if (!DEBUG_ASSERTS) GTEST_SKIP() << "release builds compile the assertions away";
+  Ref<NodeMap> bottom = Must(NodeMap::Create(nullptr));
+  NodeMap::Entry* a = Must(bottom->AddEntry(P("a"), NodeInfo::Allocate(NODE_KIND::NODE, P("a"))));
+  NodeMap::Publish(a);
+  EXPECT_DEATH(static_cast<void>(bottom->AddEntry(P("a"), nullptr)),
+               "debug assertion .* failed: a layer holds one entry of a path");
+  EXPECT_DEATH(static_cast<void>(bottom->AddEntry(P("b"), nullptr)),
+               "failed: a tombstone is left only where a layer below holds the path");
+
+  Ref<NodeMap> top = Must(NodeMap::Create(bottom));
+  // Over the bottom's record a tombstone hides something, and is taken.
+  NodeMap::Entry* hiding = Must(top->AddEntry(P("a"), nullptr));
+  EXPECT_EQ(top->Find(P("a")), nullptr);
+  EXPECT_DEATH(NodeMap::Publish(hiding), "failed: a published entry holds a record");
+  EXPECT_DEATH(top->DeleteEntry(a), "failed: an entry to delete is one of this layer's");
+  EXPECT_TRUE(bottom->HoldsInLayer(bottom->Find(P("a"))));
+  EXPECT_FALSE(top->HoldsInLayer(bottom->Find(P("a"))));
+}
+
+// An append promises an id that the table lacks; a sort leaves each id once.
+TEST(SortedTableDeathTest, DebugBuildsStopAnAppendOfAnIdTheTableHas) {
+  if (!DEBUG_ASSERTS) GTEST_SKIP() << "release builds compile the assertions away";
+  SortedTable<ChildRecord> table;
+  table.Append({Id("b"), CHILD_FLAGS::ADDED});
+  table.Append({Id("c"), CHILD_FLAGS::ADDED});
+  EXPECT_DEATH(table.Append({Id("b"), CHILD_FLAGS::NONE}),
+               "failed: an appended id is new to the table");
+  table.Append({Id("a"), CHILD_FLAGS::ADDED});  // out of order, but new
+  EXPECT_FALSE(table.IsSorted());
+  table.Sort();
+  ASSERT_EQ(table.GetCount(), 3u);
+  EXPECT_EQ(table[0].id, Id("a"));
 }
 
 }  // namespace

@@ -4,6 +4,8 @@
 #include <new>
 #include <utility>
 
+#include "orvix/host/debug_assert.h"
+
 namespace orvix::nodes {
 
 namespace {
@@ -108,6 +110,12 @@ NodeMap::Entry* NodeMap::_NewEntry() noexcept {
 }
 
 Result<NodeMap::Entry*> NodeMap::AddEntry(const NodePath& path, NodeInfo* info) {
+  ORVIX_DEBUG_ASSERT(!FindInLayer(path.GetHashCode(), path.ToBlock()),
+                     "a layer holds one entry of a path");
+  // A tombstone that hides nothing is dead weight that every lookup of the
+  // path meets and that compaction keeps (the top layer keeps its tombstones).
+  ORVIX_DEBUG_ASSERT(info || (_parent && _parent->Find(path)),
+                     "a tombstone is left only where a layer below holds the path");
   ORVIX_TRY(_Grow());
   Entry* e = _NewEntry();
   if (!e) return OutOfMemoryError();
@@ -122,6 +130,7 @@ Result<NodeMap::Entry*> NodeMap::AddEntry(const NodePath& path, NodeInfo* info) 
 }
 
 void NodeMap::Publish(Entry* entry) noexcept {
+  ORVIX_DEBUG_ASSERT(entry->info, "a published entry holds a record");
   bool expected = false;
   entry->published.compare_exchange_strong(expected, true, std::memory_order_acq_rel);
 }
@@ -147,6 +156,7 @@ void NodeMap::DeleteEntry(Entry* entry) noexcept {
       return;
     }
   }
+  ORVIX_DEBUG_ASSERT(false, "an entry to delete is one of this layer's");
 }
 
 size_t NodeMap::GetLayerBytes() const noexcept {

@@ -84,6 +84,12 @@ class NodeMap final : public RefCounted {
     return Find(path.GetHashCode(), path.ToBlock());
   }
   NodeInfo* Find(Block parts) const noexcept { return Find(NodePath::HashBlock(parts), parts); }
+  // True if this layer's entry of the record's path holds the record: it is
+  // one of this layer's own. Meant for checks of invariants.
+  bool HoldsInLayer(const NodeInfo* info) const noexcept {
+    const Entry* e = FindInLayer(info->_path.GetHashCode(), info->_path.ToBlock());
+    return e && e->info == info;
+  }
 
   // --- Writing: only for the top layer of a map with a single owner.
 

@@ -9,6 +9,7 @@
 #include <unordered_set>
 #include <utility>
 
+#include "orvix/host/debug_assert.h"
 #include "orvix/host/diagnostics.h"
 #include "orvix/host/error.h"
 #include "orvix/host/format.h"
@@ -36,6 +37,16 @@ std::atomic<uint64_t> g_retiredHandleStamp{0};
 
 uint64_t FirstHandleStamp() noexcept {
   return g_retiredHandleStamp.load(std::memory_order_acquire) + 1;
+}
+
+// True if the top layer of `map` holds nothing of the path but a tombstone,
+// and that only where a layer below holds the path: what a removal leaves.
+[[maybe_unused]] bool OnlyAHidingTombstone(const NodeMap& map, uint64_t hash,
+                                           NodePath::Block parts) noexcept {
+  const NodeMap::Entry* e = map.FindInLayer(hash, parts);
+  if (!e) return true;
+  return !e->IsPublished() && !e->info && map.GetParent() &&
+         map.GetParent()->Find(hash, parts) != nullptr;
 }
 }  // namespace
 
@@ -72,11 +83,15 @@ void NodeSystemImpl::_FreeGarbage() noexcept {
       while (n && n != g_modifiedListEnd) {
         NodeInfo* nextNested = n->_nextModified;
         n->_nextModified = nullptr;
+        ORVIX_DEBUG_ASSERT(!isGarbage(n) || !_store._nodes || !_store._nodes->HoldsInLayer(n),
+                           "a garbage record is out of the map");
         if (isGarbage(n)) NodeInfo::Free(n);
         n = nextNested;
       }
     }
     r->_nextModified = nullptr;
+    ORVIX_DEBUG_ASSERT(!isGarbage(r) || !_store._nodes || !_store._nodes->HoldsInLayer(r),
+                       "a garbage record is out of the map");
     if (isGarbage(r)) NodeInfo::Free(r);
     r = next;
   }
@@ -253,6 +268,8 @@ Result<NodeInfo*> NodeSystemImpl::GetMutable(GNode& handle, NODE_KIND kind) {
     }
     bool added = false;
     if (entry) {
+      // Removal freed the record or handed it to the garbage pass.
+      ORVIX_DEBUG_ASSERT(!entry->info, "a tombstone holds no record");
       NodeInfo::Free(entry->info);
       entry->info = info;
     } else {
@@ -270,6 +287,14 @@ Result<NodeInfo*> NodeSystemImpl::GetMutable(GNode& handle, NODE_KIND kind) {
   }
   ++_stamps._modificationStamp;
   if (kind != NODE_KIND::NONE && info->GetKind() != kind) return mismatch(info->GetKind());
+  // What every writer relies on: the record is the one this system's top
+  // layer publishes for the path, it is the path's own, and of the kind asked.
+  ORVIX_DEBUG_ASSERT(
+      map->FindInLayer(hash, parts) == entry && entry->info == info && entry->IsPublished(),
+      "a record fetched for writing is published in the top layer");
+  ORVIX_DEBUG_ASSERT(info->_path == path && info->GetKind() == path.GetKindRaw() &&
+                         (kind == NODE_KIND::NONE || info->GetKind() == kind),
+                     "a record fetched for writing is of its path and of the asked kind");
   handle.info = info;
   handle.system = this;
   handle.stamp = _stamps._movedStamp;
@@ -292,7 +317,12 @@ void NodeSystemImpl::_SortChildTables() noexcept {
   if (!_store._unsortedChildTables) return;
   if (_store._nodes) {
     for (const NodePath& path : *_store._unsortedChildTables) {
-      if (NodeInfo* info = _store._nodes->Find(path)) info->children.Sort();
+      if (NodeInfo* info = _store._nodes->Find(path)) {
+        // Sorting writes: a frozen record of a lower layer must never need it.
+        ORVIX_DEBUG_ASSERT(info->children.IsSorted() || _store._nodes->HoldsInLayer(info),
+                           "only a record of the top layer holds an unsorted table");
+        info->children.Sort();
+      }
     }
   }
   _store._unsortedChildTables.reset();
@@ -344,6 +374,8 @@ Result<bool> NodeSystemImpl::RemoveEntry(const NodePath& path) {
   } else {
     return false;
   }
+  ORVIX_DEBUG_ASSERT(OnlyAHidingTombstone(*map, hash, parts),
+                     "a removal leaves a tombstone only where a layer below holds the path");
   NoteRemoval();
   return removed;
 }

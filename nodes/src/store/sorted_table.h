@@ -23,6 +23,7 @@
 #include <utility>
 #include <vector>
 
+#include "orvix/host/debug_assert.h"
 #include "orvix/host/interned_id.h"
 
 namespace orvix::nodes {
@@ -115,6 +116,9 @@ class SortedTable {
   void Append(Record record) {
     const bool inOrder =
         !_index && (_records.empty() || InternedId::CompareText(_records.back().id, record.id) < 0);
+    // A record in order is new; any other costs a lookup here, and the index
+    // that the append builds costs more.
+    ORVIX_DEBUG_ASSERT(inOrder || _Find(record.id) == NONE, "an appended id is new to the table");
     _Append(std::move(record), inOrder);
   }
 
@@ -126,6 +130,12 @@ class SortedTable {
       return InternedId::CompareText(a.id, b.id) < 0;
     });
     _index.reset();
+    // One record per id: the index found every id it was asked for.
+    ORVIX_DEBUG_ASSERT(std::adjacent_find(_records.begin(), _records.end(),
+                                          [](const Record& a, const Record& b) {
+                                            return InternedId::CompareText(a.id, b.id) >= 0;
+                                          }) == _records.end(),
+                       "a sorted table holds its ids in strictly ascending order");
   }
 
   void Clear() noexcept {

@@ -6,6 +6,7 @@
 // nested bits and sits on the system's list. Validation therefore starts from
 // the few records that were touched, and clearing walks only those.
 
+#include "orvix/host/debug_assert.h"
 #include "orvix/host/error.h"
 #include "orvix/host/format.h"
 #include "orvix/nodes/modified_bits_probe.h"
@@ -38,6 +39,21 @@ bool IsModified(const NodeInfo* info) noexcept {
 bool IsListed(const NodeInfo* info) noexcept {
   return info && info != g_modifiedListEnd;
 }
+
+// Calls `check` with every record on the lists that start at `head`, nested
+// lists included, until it answers false; true if it never did.
+template <typename Check>
+[[maybe_unused]] bool EveryListed(const NodeInfo* head, Check&& check) noexcept {
+  for (const NodeInfo* r = head; IsListed(r); r = r->_nextModified) {
+    if (!check(r)) return false;
+    if (const PortRecord* port = r->AsPort()) {
+      for (const NodeInfo* n = port->_firstNestedModified; IsListed(n); n = n->_nextModified) {
+        if (!check(n)) return false;
+      }
+    }
+  }
+  return true;
+}
 }  // namespace
 
 GNODE_FLAGS_IMPL NestedModifiedBits(GNODE_FLAGS_IMPL bits) noexcept {
@@ -51,6 +67,8 @@ GNODE_FLAGS_IMPL NestedModifiedBits(GNODE_FLAGS_IMPL bits) noexcept {
 }
 
 void NodeSystemImpl::_LinkModified(NodeInfo* info) noexcept {
+  ORVIX_DEBUG_ASSERT(_store._nodes->HoldsInLayer(info),
+                     "a record on a modified list is one of the top layer's own");
   if (info->_nextModified) return;
   info->_nextModified = _validation._firstModified;
   _validation._firstModified = info;
@@ -96,6 +114,8 @@ Result<void> NodeSystemImpl::SetModified(GNode& node, GNODE_FLAGS_IMPL bits) {
     const GFI nested = NestedModifiedBits(bits);
     topInfo->flags |= nested;
     _validation._systemFlags |= nested;
+    ORVIX_DEBUG_ASSERT(_store._nodes->HoldsInLayer(info),
+                       "a record on a modified list is one of the top layer's own");
     if (!info->_nextModified) {
       info->_nextModified = topPort->_firstNestedModified;
       topPort->_firstNestedModified = info;
@@ -162,9 +182,26 @@ void NodeSystemImpl::ClearModified(GNODE_FLAGS_IMPL bits) noexcept {
 
 Result<void> NodeSystemImpl::PurgeGarbage() {
   ORVIX_CHECK_STATE(IsValidated());
+  // Removal took each garbage record out of the map before handing it over:
+  // the lists are its last owner, and freeing it leaves no entry dangling.
+  ORVIX_DEBUG_ASSERT(EveryListed(_validation._firstModified,
+                                 [&](const NodeInfo* r) {
+                                   return !HasAny(r->flags, GFI::MODIFIED_G_GARBAGE) ||
+                                          !_store._nodes->HoldsInLayer(r);
+                                 }),
+                     "a garbage record is out of the map");
   // The nested bit of garbage is MODIFIED_G_NESTED_GARBAGE, so a nested list
   // is walked only where that bit asks for it.
   ClearModified(GFI::MODIFIED_G_ALL);
+  // A garbage record that a list kept would be freed by nobody, or twice; one
+  // that the nested bit didn't announce stays behind on its port's list.
+  ORVIX_DEBUG_ASSERT(!HasAny(_validation._systemFlags, GFI::MODIFIED_G_ALL) &&
+                         EveryListed(_validation._firstModified,
+                                     [&](const NodeInfo* r) {
+                                       return !HasAny(r->flags, GFI::MODIFIED_G_ALL) &&
+                                              _store._nodes->HoldsInLayer(r);
+                                     }),
+                     "purging leaves no garbage record, and no garbage bit, behind");
   return Ok();
 }
 
