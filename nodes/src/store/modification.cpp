@@ -26,6 +26,16 @@ constexpr std::string_view NULL_OBJECT_TEXT = "Null object.";
 Error NullObjectError(SourceLocation where = SourceLocation::current()) {
   return Error(ERROR_CLASS::NULL_OBJECT, std::string(NULL_OBJECT_TEXT), where);
 }
+
+// Debug builds check at every end of a modification that each wire reads
+// alike from both of its ends, so that a fault in the walk or the edits shows
+// at the end that made it; release builds only when g_testGetConnections asks.
+// A failure is the end's error either way.
+#ifndef NDEBUG
+constexpr bool CHECK_CONNECTIONS_ALWAYS = true;
+#else
+constexpr bool CHECK_CONNECTIONS_ALWAYS = false;
+#endif
 }  // namespace
 
 // ---------------------------------------------------------------------------
@@ -132,7 +142,9 @@ Result<void> NodeSystemImpl::EndModification(ChangeList* changeList, FINALIZE_FL
   _SortChildTables();
   _store._mutable = false;
   _attributes._retiredTables.clear();
-  if (g_testGetConnections.Get()) ORVIX_TRY(CheckConnectionConsistency());
+  if (CHECK_CONNECTIONS_ALWAYS || g_testGetConnections.Get()) {
+    ORVIX_TRY(CheckConnectionConsistency());
+  }
   return Ok();
 }
 
