@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "must.h"
 #include "node_system_probe.h"
 #include "orvix/host/data_accessor.h"
 #include "orvix/nodes/modification.h"
@@ -23,7 +24,7 @@ namespace orvix::nodes {
 namespace {
 
 NodePath P(std::string_view text) {
-  return NodePath::Parse(text).Value();
+  return Must(NodePath::Parse(text));
 }
 InternedId Id(std::string_view text) {
   return InternedId::Get(text);
@@ -41,11 +42,11 @@ NodeSystemImpl& Impl(const Ref<NodeSystem>& system) {
   return static_cast<NodeSystemImpl&>(*system);
 }
 MutableRoot OpenEmpty() {
-  return CreateDefaultNodeSystemClass().Value()->CreateNodeSystem().Value();
+  return Must(Must(CreateDefaultNodeSystemClass())->CreateNodeSystem());
 }
 MutableRoot OpenDerived(const Ref<NodeSystem>& base) {
-  Ref<NodeSystem> derived = NodeSystemImpl::CreateDerived(Ref<NodeSystemImpl>(&Impl(base))).Value();
-  return BeginModification(derived, false).Value();
+  Ref<NodeSystem> derived = Must(NodeSystemImpl::CreateDerived(Ref<NodeSystemImpl>(&Impl(base))));
+  return Must(BeginModification(derived, false));
 }
 // Ends the modification; the caller then holds the system alone, as a client would.
 Ref<NodeSystem> Finish(MutableRoot& root) {
@@ -66,7 +67,7 @@ Result<bool> Set(NodeSystem& s, std::string_view path, std::string_view id, cons
   return s.SetValue(s.FindByPath(P(path)), Id(id), value, nullptr);
 }
 const Data& Read(const NodeSystem& s, std::string_view path, std::string_view id) {
-  return *s.GetValue(s.FindByPath(P(path)), Id(id)).Value();
+  return *Must(s.GetValue(s.FindByPath(P(path)), Id(id)));
 }
 Data IoNodes(std::string_view which) {
   return Data(DataArray::Of<InternedId>({Id(which)}));
@@ -89,7 +90,7 @@ struct Stamps {
 Stamps StampsOf(const NodeSystemImpl& s, std::string_view path, std::string_view id) {
   const AttributeRecord* own = OwnAttribute(s, path, id);
   const GNode node = s.FindByPath(P(path));
-  return {s.GetModificationStamp(), s.GetValueStamp(node, Id(id)).Value(), own ? own->stamp : 0,
+  return {s.GetModificationStamp(), Must(s.GetValueStamp(node, Id(id))), own ? own->stamp : 0,
           node.info->_directAttributeStamp, NodeSystemTestProbe::Stamps(s)._attributeStamp};
 }
 
@@ -218,7 +219,7 @@ class ChainDriver {
       for (const std::string& id : CheckedIds()) {
         SCOPED_TRACE("read of " + id + " at '" + r.path + "'");
         int64_t prefix = 99;
-        const Data* value = s.GetValue(node, Id(id), &prefix, false).Value();
+        const Data* value = Must(s.GetValue(node, Id(id), &prefix, false));
         EXPECT_TRUE(Same(*value, r.Value(id)));
         if (NodeSystemTestProbe::IsMutable(s) && value->IsPopulated())
           _handedOut.emplace_back(value, *value);
@@ -348,7 +349,7 @@ TEST_P(AttributeChain, ReadsThroughThreeBasesFollowTheModel) {
 
   const std::vector<Stored> atSnapshot = d.levels;
   const Ref<NodeSystem> snapshot = sc;
-  MutableRoot again = BeginModification(sc, false).Value();
+  MutableRoot again = Must(BeginModification(sc, false));
   ASSERT_NE(again._system.Get(), snapshot.Get());
   d.Run(Impl(again._system), 3, 80);
   const Ref<NodeSystem> sc2 = Finish(again);
@@ -377,7 +378,7 @@ TEST(HandedOutValues, StayReadableThroughLaterWritesUntilTheModificationEnds) {
   ASSERT_TRUE(Did(s.SetValue(x, Id("gain"), Data(int64_t{1}), nullptr)));
   EXPECT_TRUE(NodeSystemTestProbe::Attributes(s)._retiredTables.empty());
 
-  const Data* first = s.GetValue(x, Id("label")).Value();
+  const Data* first = Must(s.GetValue(x, Id("label")));
   ASSERT_TRUE(Did(s.SetValue(x, Id("label"), Data(std::string(300, 'b')), nullptr)));
   for (int i = 0; i < 64; ++i) {
     ASSERT_TRUE(Did(s.SetValue(x, Id("v" + std::to_string(i)), Data(int64_t{i}), nullptr)));
@@ -451,7 +452,7 @@ TEST(UpdatePolicy, IsStoredInTheNodesBaseReferenceAndCopiedWhenShared) {
 
   // So does a copy, whose record comes up from the shared layer.
   Ref<NodeSystem> copy = a;
-  MutableRoot c = BeginModification(copy, false).Value();
+  MutableRoot c = Must(BeginModification(copy, false));
   ASSERT_NE(c._system.Get(), a.Get());
   EXPECT_TRUE(Did(Set(*c._system, "n1", policy, Data(int32_t{2}))));
   EXPECT_EQ(policyOf(*c._system), ASSET_UPDATE_POLICY::IMPLICIT);
@@ -570,7 +571,7 @@ TEST(SubData, APartIsWrittenThroughTheAccessorAndTheWholeValueThroughSetValue) {
                                  std::span(&key, 1), value, nullptr));
   };
 
-  const Data* before = s.GetValue(x, Id("list")).Value();
+  const Data* before = Must(s.GetValue(x, Id("list")));
   ASSERT_EQ(part(s, 1, Data(int64_t{20})), "(ok)");
   EXPECT_EQ(OwnAttribute(s, "<x", "list")->stamp, s.GetModificationStamp());
   const Data changed(DataArray{Data(int64_t{1}), Data(int64_t{20})});

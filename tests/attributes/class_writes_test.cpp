@@ -6,6 +6,7 @@
 
 #include <string>
 
+#include "must.h"
 #include "orvix/nodes/modification.h"
 #include "orvix/nodes/node_system_class_impl.h"
 #include "store/node_system_impl.h"
@@ -14,7 +15,7 @@ namespace orvix::nodes::test {
 namespace {
 
 NodePath Path(std::string_view text) {
-  return NodePath::Parse(text).Value();
+  return Must(NodePath::Parse(text));
 }
 InternedId Key(std::string_view text) {
   return InternedId::Get(text);
@@ -44,50 +45,50 @@ class WritingClass : public NodeSystemClassImpl {
 // removed wrote into the freed record.
 TEST(ClassWrites, TheOldValueOutlivesTheClassesOwnWritesAndARemovedRecordComesBack) {
   Ref<WritingClass> cls = MakeRef<WritingClass>();
-  MutableRoot root = cls->CreateNodeSystem().Value();
+  MutableRoot root = Must(cls->CreateNodeSystem());
   NodeSystem& s = *root._system;
-  const GNode x = s.AddPort(s.FindByPath(Path("<")), "x", GNODE_FLAGS::NONE, nullptr).Value();
+  const GNode x = Must(s.AddPort(s.FindByPath(Path("<")), "x", GNODE_FLAGS::NONE, nullptr));
   const Data long_(std::string(100, 'a'));
   ASSERT_TRUE(s.SetValue(x, Key("label"), long_, nullptr));
 
   cls->mode = WritingClass::MODE::GROW_TABLE;
-  ASSERT_TRUE(s.SetValue(x, Key("label"), Data("new"), nullptr).Value());
+  ASSERT_TRUE(Must(s.SetValue(x, Key("label"), Data("new"), nullptr)));
   EXPECT_EQ(cls->oldSeen, long_);
-  EXPECT_EQ(*s.GetValue(x, Key("label")).Value(), Data("new"));
+  EXPECT_EQ(*Must(s.GetValue(x, Key("label"))), Data("new"));
 
   // The class takes the record away; the write still lands.
   cls->mode = WritingClass::MODE::RESET_SAME;
-  ASSERT_TRUE(s.SetValue(x, Key("label"), Data("two"), nullptr).Value());
-  EXPECT_EQ(*s.GetValue(x, Key("label")).Value(), Data("two"));
+  ASSERT_TRUE(Must(s.SetValue(x, Key("label"), Data("two"), nullptr)));
+  EXPECT_EQ(*Must(s.GetValue(x, Key("label"))), Data("two"));
   cls->mode = WritingClass::MODE::RESET_SAME;
-  ASSERT_TRUE(s.EraseValue(x, Key("label"), nullptr).Value());
-  EXPECT_TRUE(s.GetValue(x, Key("label")).Value()->IsEmpty());
+  ASSERT_TRUE(Must(s.EraseValue(x, Key("label"), nullptr)));
+  EXPECT_TRUE(Must(s.GetValue(x, Key("label")))->IsEmpty());
 }
 
 // Fixed fault: Compact freed the layers that a value handed out during the
 // modification still pointed into.
 TEST(ClassWrites, CompactWaitsUntilTheModificationEnds) {
-  MutableRoot first = CreateDefaultNodeSystemClass().Value()->CreateNodeSystem().Value();
+  MutableRoot first = Must(Must(CreateDefaultNodeSystemClass())->CreateNodeSystem());
   const GNode inputs = first._system->FindByPath(Path("<"));
   ASSERT_TRUE(first._system->AddPort(inputs, "x", GNODE_FLAGS::NONE, nullptr));
-  const GNode y = first._system->AddPort(inputs, "y", GNODE_FLAGS::NONE, nullptr).Value();
+  const GNode y = Must(first._system->AddPort(inputs, "y", GNODE_FLAGS::NONE, nullptr));
   ASSERT_TRUE(first._system->SetValue(y, Key("label"), Data(std::string(100, 'y')), nullptr));
-  Ref<NodeSystem> system = first.EndModification(nullptr, FINALIZE_FLAGS::CLEANUP).Value();
+  Ref<NodeSystem> system = Must(first.EndModification(nullptr, FINALIZE_FLAGS::CLEANUP));
   // Each round writes on a copy of a shared system: one more layer.
   for (int round = 0; round < 7; ++round) {
     Ref<NodeSystem> keep = system;
-    MutableRoot edit = BeginModification(system, false).Value();
+    MutableRoot edit = Must(BeginModification(system, false));
     NodeSystemImpl& s = static_cast<NodeSystemImpl&>(*edit._system);
     ASSERT_TRUE(s.SetValue(s.FindByPath(Path("<x")), Key("n"), Data(int64_t{round}), nullptr));
     keep.Reset();
     if (round == 6) {
       ASSERT_GE(s.GetDepth(), NodeSystemImpl::COMPACT_DEPTH);
-      const Data* held = s.GetValue(s.FindByPath(Path("<y")), Key("label")).Value();
+      const Data* held = Must(s.GetValue(s.FindByPath(Path("<y")), Key("label")));
       ASSERT_TRUE(s.Compact());
       EXPECT_EQ(*held, Data(std::string(100, 'y')));
       EXPECT_GE(s.GetDepth(), NodeSystemImpl::COMPACT_DEPTH);
     }
-    system = edit.EndModification(nullptr, FINALIZE_FLAGS::CLEANUP).Value();
+    system = Must(edit.EndModification(nullptr, FINALIZE_FLAGS::CLEANUP));
   }
   ASSERT_TRUE(system->Compact());
   EXPECT_EQ(static_cast<NodeSystemImpl&>(*system).GetDepth(), 1u);

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "must.h"
 #include "orvix/host/diagnostics.h"
 #include "orvix/host/object_system.h"
 #include "orvix/nodes/derivation_handler.h"
@@ -65,7 +66,7 @@ class EmptyTemplate : public NodeTemplateBase {
 };
 
 NodePath P(std::string_view text) {
-  return NodePath::Parse(text).Value();
+  return Must(NodePath::Parse(text));
 }
 InternedId Id(std::string_view text) {
   return InternedId::Get(text);
@@ -103,16 +104,16 @@ class FinishingClass : public NodeSystemClassImpl {
 // alone holds; what a borrowed root must not do is refused.
 TEST(Classes, AClientClassEditsAsTheModificationEnds) {
   Ref<FinishingClass> cls = MakeRef<FinishingClass>();
-  MutableRoot root = cls->CreateNodeSystem().Value();
+  MutableRoot root = Must(cls->CreateNodeSystem());
   NodeSystem& s = *root._system;
   // The bracket that made the empty system ended through the class too.
   ASSERT_TRUE(s.Remove(s.FindByPath(P(">done")), nullptr));
-  ASSERT_TRUE(s.AddPort(s.GetPortList(root._root, PORT_DIR::INPUT).Value(), "a",
-                        GNODE_FLAGS::NONE, nullptr));
+  ASSERT_TRUE(
+      s.AddPort(Must(s.GetPortList(root._root, PORT_DIR::INPUT)), "a", GNODE_FLAGS::NONE, nullptr));
   cls->misbehave = true;
   Result<Ref<NodeSystem>> ended = root.EndModification(nullptr, FINALIZE_FLAGS::CLEANUP);
   ASSERT_TRUE(ended) << Message(ended);
-  const Ref<NodeSystem> done = std::move(ended).Value();
+  const Ref<NodeSystem> done = Must(std::move(ended));
   const std::string endInside = "Illegal state: Condition !_finalizing not fulfilled. ";
   EXPECT_EQ(cls->refused, (std::vector<std::string>{
                               endInside, "More than one reference to node system .", endInside}));
@@ -126,12 +127,12 @@ TEST(Classes, AClientClassEditsAsTheModificationEnds) {
 // system, whose message names the template; and the first modification
 // drops all three, even with no edit after it.
 TEST(Classes, ATemplateStoresItselfUntilTheFirstModification) {
-  Ref<NodeSystemClass> cls = CreateDefaultNodeSystemClass().Value();
+  Ref<NodeSystemClass> cls = Must(CreateDefaultNodeSystemClass());
   Ref<EmptyTemplate> stored = MakeRef<EmptyTemplate>("net.orvix.test.stored", false);
   Ref<TemplateArguments> arguments = MakeRef<TemplateArguments>();
   ASSERT_TRUE(arguments->Set(Id("x"), TEMPLATE_ARGUMENT_KIND::VALUE, Data(int64_t{4})));
   Ref<RefCounted> repository = MakeRef<RefCounted>();
-  Ref<NodeSystem> made = stored->Instantiate({cls, repository}, arguments).Value();
+  Ref<NodeSystem> made = Must(stored->Instantiate({cls, repository}, arguments));
   EXPECT_TRUE(made->IsFinalized());
   EXPECT_EQ(made->GetTemplate().Get(), stored.Get());
   EXPECT_EQ(made->GetTemplateArguments().Get(), arguments.Get());
@@ -149,7 +150,7 @@ TEST(Classes, ATemplateStoresItselfUntilTheFirstModification) {
   EXPECT_FALSE(made->GetTemplateOwner());
   EXPECT_EQ(made->GetTemplate().Get(), stored.Get());
 
-  MutableRoot edit = BeginModification(made).Value();
+  MutableRoot edit = Must(BeginModification(made));
   NodeSystem& s = *edit._system;
   EXPECT_FALSE(s.GetTemplate() || s.GetTemplateArguments() || s.GetTemplateOwner());
   // Stored again in the bracket, a null template takes all three away.
@@ -182,14 +183,14 @@ TEST(Classes, TheClassSeesTheDecoratorFirstThenTheDecoratedTemplate) {
       MakeRef<NodeTemplateDecoratorBase>("net.orvix.test.outer", "1.0", inner);
   const std::vector<std::string> both{"net.orvix.test.outer", "net.orvix.test.inner"};
 
-  EXPECT_TRUE(outer->Supports(cls.Get()).Value());
+  EXPECT_TRUE(Must(outer->Supports(cls.Get())));
   EXPECT_EQ(cls->supportsAsked, both);
   cls->refuse = "net.orvix.test.inner";
-  EXPECT_FALSE(outer->Supports(cls.Get()).Value());
+  EXPECT_FALSE(Must(outer->Supports(cls.Get())));
   EXPECT_EQ(Message(outer->Supports(nullptr)), "Null object.");
 
   Ref<TemplateArguments> arguments = MakeRef<TemplateArguments>();
-  Ref<NodeSystem> made = outer->Instantiate({cls, nullptr}, arguments).Value();
+  Ref<NodeSystem> made = Must(outer->Instantiate({cls, nullptr}, arguments));
   EXPECT_EQ(cls->instantiateAsked, both);
   EXPECT_TRUE(made->IsFinalized());
   EXPECT_EQ(made->GetTemplate().Get(), inner.Get());
@@ -197,7 +198,7 @@ TEST(Classes, TheClassSeesTheDecoratorFirstThenTheDecoratedTemplate) {
 }
 
 TEST(Classes, AFailedInstantiationWritesTwoLinesAndHandsTheErrorBack) {
-  Ref<NodeSystemClass> cls = CreateDefaultNodeSystemClass().Value();
+  Ref<NodeSystemClass> cls = Must(CreateDefaultNodeSystemClass());
   Ref<EmptyTemplate> failing = MakeRef<EmptyTemplate>("net.orvix.test.failing", true);
   CapturedOutput output;
   EXPECT_EQ(Message(failing->Instantiate({cls, nullptr}, nullptr)), "no such operator");
@@ -210,7 +211,7 @@ TEST(Classes, AFailedInstantiationWritesTwoLinesAndHandsTheErrorBack) {
 }
 
 TEST(Classes, TheDefaultClassTakesAttributesFromTheRegistryAndConvertsNumbers) {
-  Ref<NodeSystemClass> cls = CreateDefaultNodeSystemClass().Value();
+  Ref<NodeSystemClass> cls = Must(CreateDefaultNodeSystemClass());
   const InternedId id = InternedId::Get("net.orvix.test.attribute");
   class MetaAttribute : public GraphAttribute {
    public:
@@ -221,33 +222,33 @@ TEST(Classes, TheDefaultClassTakesAttributesFromTheRegistryAndConvertsNumbers) {
     }
   };
   EXPECT_EQ(cls->GetAttributeFlags(id), ATTRIBUTE_FLAGS::DIRECT);
-  ASSERT_TRUE(RegisterEntry(ATTRIBUTE_REGISTRY_ID, id,
-                            ObjectValue::Make(MakeRef<MetaAttribute>()).Value()));
+  ASSERT_TRUE(
+      RegisterEntry(ATTRIBUTE_REGISTRY_ID, id, Must(ObjectValue::Make(MakeRef<MetaAttribute>()))));
   EXPECT_EQ(cls->GetAttributeFlags(id), ATTRIBUTE_FLAGS::DIRECT | ATTRIBUTE_FLAGS::META);
   EXPECT_TRUE(cls->SupportsAttribute(cls->GetDerivedAttribute(id).Get()));
   UnregisterEntry(ATTRIBUTE_REGISTRY_ID, id);
   EXPECT_FALSE(cls->GetDerivedAttribute(id));
 
-  EXPECT_EQ(cls->ConvertValue(GetDataType<double>(), Data(int64_t{3})).Value(), Data(3.0));
-  EXPECT_EQ(cls->ConvertValue(GetDataType<int64_t>(), Data()).Value(), Data(int64_t{0}));
-  EXPECT_EQ(cls->ConvertValue(GetDataType<int32_t>(), Data(1e300)).Value(), Data(INT32_MAX));
+  EXPECT_EQ(Must(cls->ConvertValue(GetDataType<double>(), Data(int64_t{3}))), Data(3.0));
+  EXPECT_EQ(Must(cls->ConvertValue(GetDataType<int64_t>(), Data())), Data(int64_t{0}));
+  EXPECT_EQ(Must(cls->ConvertValue(GetDataType<int32_t>(), Data(1e300))), Data(INT32_MAX));
   // A type that stands for a host number keeps its own name.
   DataTypeInfo info;
   info.id = "net.orvix.test.classes.level";
   info.storage = DATA_STORAGE::INT32;
   info.size = 4;
-  const DataType* level = RegisterDataType(info).Value();
-  EXPECT_EQ(cls->ConvertValue(level, Data(int64_t{2})).Value().GetType(), level);
+  const DataType* level = Must(RegisterDataType(info));
+  EXPECT_EQ(Must(cls->ConvertValue(level, Data(int64_t{2}))).GetType(), level);
 }
 
 TEST(Classes, TheHandlerOfANodeIsItsContentsOwn) {
-  Ref<NodeSystemClass> cls = CreateDefaultNodeSystemClass().Value();
-  MutableRoot contentRoot = cls->CreateNodeSystem().Value();
+  Ref<NodeSystemClass> cls = Must(CreateDefaultNodeSystemClass());
+  MutableRoot contentRoot = Must(cls->CreateNodeSystem());
   Ref<NodeSystemDerivationHandler> own = MakeRef<NodeSystemDerivationHandlerBase>();
   ASSERT_TRUE(contentRoot._system->SetDerivationHandler(own));
   EXPECT_EQ(Message(contentRoot._system->SetDerivationHandler(nullptr)),
             "Illegal argument: Condition handler not fulfilled. ");
-  Ref<NodeSystem> content = contentRoot.EndModification(nullptr, FINALIZE_FLAGS::CLEANUP).Value();
+  Ref<NodeSystem> content = Must(contentRoot.EndModification(nullptr, FINALIZE_FLAGS::CLEANUP));
   // A finished system that others hold is read without locks: no new handler.
   {
     const Ref<NodeSystem> reader = content;
@@ -255,13 +256,13 @@ TEST(Classes, TheHandlerOfANodeIsItsContentsOwn) {
               "More than one reference to node system .");
   }
 
-  MutableRoot root = cls->CreateNodeSystem().Value();
+  MutableRoot root = Must(cls->CreateNodeSystem());
   ASSERT_TRUE(root._system->AddChild("n", content, nullptr));
   const NodeSystemDerivationHandler* fallback = NodeSystemDerivationHandlerBase::GetDefault().Get();
   EXPECT_EQ(root._system->GetDerivationHandler().Get(), fallback);
-  EXPECT_EQ(root._system->GetNodeDerivationHandler(NodePath::Parse("n<x").Value()).Value().Get(),
+  EXPECT_EQ(Must(root._system->GetNodeDerivationHandler(Must(NodePath::Parse("n<x")))).Get(),
             own.Get());
-  EXPECT_EQ(root._system->GetNodeDerivationHandler(NodePath::Parse("<x").Value()).Value().Get(),
+  EXPECT_EQ(Must(root._system->GetNodeDerivationHandler(Must(NodePath::Parse("<x")))).Get(),
             fallback);
 }
 

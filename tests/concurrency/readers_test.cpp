@@ -17,6 +17,7 @@
 #include <tuple>
 #include <vector>
 
+#include "must.h"
 #include "orvix/nodes/modification.h"
 #include "orvix/nodes/node_system_class.h"
 #include "store/node_system_impl.h"
@@ -32,7 +33,7 @@ constexpr int WRITER_ROUNDS = 120;
 constexpr int MIN_PASSES = 20;
 
 NodePath P(std::string_view text) {
-  return NodePath::Parse(text).Value();
+  return Must(NodePath::Parse(text));
 }
 std::string N(int i) {
   return "n" + std::to_string(i);
@@ -171,7 +172,7 @@ Result<void> EditCopy(const Ref<NodeSystem>& source, std::mt19937& random, int r
   if (removeNode) ORVIX_TRY(Remove(c, node));
   ORVIX_TRY_ASSIGN(mine, edit.EndModification(nullptr, FINALIZE_FLAGS::CLEANUP));
 
-  const Data* read = mine->GetValue(mine->FindByPath(P("<x")), InternedId::Get("default")).Value();
+  const Data* read = Must(mine->GetValue(mine->FindByPath(P("<x")), InternedId::Get("default")));
   if (*read != Data(value) || (removeNode && mine->FindByPath(P(node)))) {
     return Error(ERROR_CLASS::UNEXPECTED,
                  "the copy lost an edit in round " + std::to_string(round));
@@ -201,7 +202,7 @@ TEST(ConcurrentReaders, SeeTheStateTheyStartedWithWhileCopiesAreEdited) {
   const Result<Ref<NodeSystem>> derived = MakeDerived(*graph);
   ASSERT_TRUE(derived) << Message(derived);
   const Ref<NodeSystem> systems[2] = {*graph, *derived};
-  const Picture before[2] = {Take(*systems[0]).Value(), Take(*systems[1]).Value()};
+  const Picture before[2] = {Must(Take(*systems[0])), Must(Take(*systems[1]))};
   // The derived system shows its delta over what the base shows.
   ASSERT_TRUE(before[0].contains("n3<a") && !before[1].contains("n3<a"));
   ASSERT_TRUE(before[1].contains("<x -> n4<a") && before[1].contains("n0<a/gain <- <x/gain"));
@@ -228,7 +229,7 @@ TEST(ConcurrentReaders, SeeTheStateTheyStartedWithWhileCopiesAreEdited) {
           difference = want == before[which].end() ? "extra " + got->first : "at " + want->first;
         }
         for (const auto& [handle, id, value] : shared) {
-          const Data* read = systems[1]->GetValue(handle, InternedId::Get(id)).Value();
+          const Data* read = Must(systems[1]->GetValue(handle, InternedId::Get(id)));
           if (*read != value) difference = std::string("a shared handle read another ") + id;
         }
         if (mismatches[r].empty()) mismatches[r] = difference;
@@ -248,7 +249,7 @@ TEST(ConcurrentReaders, SeeTheStateTheyStartedWithWhileCopiesAreEdited) {
 
   EXPECT_TRUE(written) << Message(written);
   EXPECT_EQ(mismatches, std::vector<std::string>(READERS));
-  for (int i : {0, 1}) EXPECT_EQ(Take(*systems[i]).Value(), before[i]);
+  for (int i : {0, 1}) EXPECT_EQ(Must(Take(*systems[i])), before[i]);
 }
 
 }  // namespace

@@ -41,7 +41,7 @@ NodePath Join(NodePath::Block a, NodePath::Block b, NodePath::Block c = {}) {
   std::vector<InternedId> parts(a.begin(), a.end());
   parts.insert(parts.end(), b.begin(), b.end());
   parts.insert(parts.end(), c.begin(), c.end());
-  return NodePath::Create(parts).Value();
+  return Must(NodePath::Create(parts));
 }
 
 struct Model {
@@ -63,9 +63,9 @@ struct Layer {
 };
 
 void CollectLayers(const Model& m, NodePath::Block parts, size_t k, std::vector<Layer>& out) {
-  out.push_back({&m, NodePath::Create(parts).Value(), k});
+  out.push_back({&m, Must(NodePath::Create(parts)), k});
   if (parts.size() > 1 && !NodePath::IsPortListPart(parts[0])) {
-    const auto it = m.nested.find(NodePath::Create(parts.first(1)).Value());
+    const auto it = m.nested.find(Must(NodePath::Create(parts.first(1))));
     if (it != m.nested.end()) return CollectLayers(*it->second, parts.subspan(1), k + 1, out);
   }
   if (m.base) CollectLayers(*m.base, parts, k, out);
@@ -146,7 +146,7 @@ std::vector<Report> Walk(const Model& t, const NodePath& port, uint64_t mask, GC
           }
           const uint64_t wires = suffix.empty() ? w : w | (Used(w) & IMPLICIT);
           const bool cut = HasAny(flags, GCF::TOP_LEVEL_PORTS) && !other.IsTopLevelPort();
-          out.push_back({cut ? other.GetTopLevelPort().Value() : other, wires, direction, rank});
+          out.push_back({cut ? Must(other.GetTopLevelPort()) : other, wires, direction, rank});
         }
       }
     }
@@ -295,7 +295,7 @@ struct World {
     std::vector<NodePath> below;
     for (const NodePath& e : model->elements) {
       if (e.GetCount() > port.GetCount() && e.StartsWith(port)) {
-        below.push_back(NodePath::Create(e.ToBlock().subspan(port.GetCount())).Value());
+        below.push_back(Must(NodePath::Create(e.ToBlock().subspan(port.GetCount()))));
       }
     }
     // Parents before their nested ports.
@@ -310,7 +310,7 @@ struct World {
     for (const NodePath& rel : Below(port)) parents.push_back(Join(port.ToBlock(), rel.ToBlock()));
     const NodePath& parent = parents[Pick(parents.size())];
     if (parent.GetCount() - parent.GetNodeCount() > 4) return;
-    const NodePath path = parent.Append(InternedId::Get(std::string(1, "xyz"[Pick(3)]))).Value();
+    const NodePath path = Must(parent.Append(InternedId::Get(std::string(1, "xyz"[Pick(3)]))));
     if (!model->elements.count(path) && !removed.count(path)) AddPort(path);
   }
   // Gives `to` most of the nested ports that `from` has: equally shaped
@@ -399,7 +399,7 @@ struct World {
       } else {
         const NodePath& parent = ports[Pick(ports.size())];
         if (parent.GetCount() - parent.GetNodeCount() > 3) return;
-        path = parent.Append(InternedId::Get(std::string(1, "xyz"[Pick(3)]))).Value();
+        path = Must(parent.Append(InternedId::Get(std::string(1, "xyz"[Pick(3)]))));
       }
       if (!model->elements.count(path) && !removed.count(path)) AddPort(path);
       return;
@@ -513,7 +513,7 @@ void Check(World& w, const NodeSystemImpl& s, const Model& m, const std::string&
       SCOPED_TRACE(port.ToString() + " -> " + other.ToString());
       EXPECT_EQ(!ranToEnd, it != all.end());
       EXPECT_EQ(found, it != all.end() ? Text({*it}) : "");
-      EXPECT_EQ(s.GetConnection(s.FindByPath(port), s.FindByPath(other)).Value().GetValue(),
+      EXPECT_EQ(Must(s.GetConnection(s.FindByPath(port), s.FindByPath(other))).GetValue(),
                 Lookup(m, port, other, GCF::NONE));
     }
   }

@@ -80,7 +80,7 @@ Ref<NodeSystemImpl> Graph(
 
 NodeInfo* Writable(NodeSystemImpl& s, std::string_view path) {
   GNode handle = s.MakeHandle(P(path));
-  return s.GetMutable(handle, NODE_KIND::NONE).Value();
+  return Must(s.GetMutable(handle, NODE_KIND::NONE));
 }
 
 void SetShortcut(NodeSystemImpl& s, std::string_view port, std::string_view other,
@@ -138,7 +138,7 @@ TEST(ConnectionQueries, ThePublishedFormMapsDirectionAndModes) {
     ++calls;
     return false;
   };
-  EXPECT_FALSE(g->GetConnections(sum, PORT_DIR::OUTPUT, Wires(ALL), MODE::NONE, stop).Value());
+  EXPECT_FALSE(Must(g->GetConnections(sum, PORT_DIR::OUTPUT, Wires(ALL), MODE::NONE, stop)));
   EXPECT_EQ(calls, 1);
   EXPECT_EQ(Message(g->GetConnections(sum, PORT_DIR::OUTPUT, Wires(ALL), MODE::NONE, {})),
             "Illegal argument: Condition callback not fulfilled. ");
@@ -197,7 +197,7 @@ TEST(ConnectionQueries, ShortcutRecordsAndTheirValidityInADerivedSystem) {
   EXPECT_EQ(Query(*b, "<a", ALL_IMPLICIT, targets), "to >z 0x20");
 
   // The target's nearest shortcut table is the one the record came from.
-  Ref<NodeSystemImpl> d = NodeSystemImpl::CreateDerived(b).Value();
+  Ref<NodeSystemImpl> d = Must(NodeSystemImpl::CreateDerived(b));
   EXPECT_EQ(Query(*d, "<a", ALL, targets), "to >z 0x20");
   // A record of >z here has no shortcut table of its own: the source query
   // passes over it to the base's, which still confirms the target record.
@@ -262,7 +262,7 @@ TEST(ConnectionQueries, ConnectionValuesAndTheDefaultOfIoNodes) {
   Ref<NodeSystemImpl> g = Graph({{"n1>sum", "n2<a", 0x10}, {"<r", "n1<a", 0x10}});
   const InternedId ioNodes = InternedId::Get("net.orvix.node.ionodes");
   auto value = [&](std::string_view from, std::string_view to, uint32_t kind, InternedId id) {
-    return g->GetConnectionValue(g->FindByPath(P(from)), g->FindByPath(P(to)), kind, id).Value();
+    return Must(g->GetConnectionValue(g->FindByPath(P(from)), g->FindByPath(P(to)), kind, id));
   };
   const Data out(DataArray::Of<InternedId>({InternedId::Get("out")}));
   const Data in(DataArray::Of<InternedId>({InternedId::Get("in")}));
@@ -279,7 +279,7 @@ TEST(ConnectionQueries, ConnectionValuesAndTheDefaultOfIoNodes) {
   Finish(*g);
   EXPECT_EQ(value("n1>sum", "n2<a", 0, ioNodes), Data(true));
   EXPECT_EQ(value("n1>sum", "n2<a", 2, ioNodes), in);
-  Ref<NodeSystemImpl> d = NodeSystemImpl::CreateDerived(g).Value();
+  Ref<NodeSystemImpl> d = Must(NodeSystemImpl::CreateDerived(g));
   std::vector<std::pair<CONNECTION_ATTRIBUTE_KIND, InternedId>> listed;
   EXPECT_TRUE(
       d->GetConnectionValues(d->FindByPath(P("n1>sum")), d->FindByPath(P("n2<a")),

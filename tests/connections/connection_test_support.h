@@ -9,6 +9,7 @@
 #include <tuple>
 #include <vector>
 
+#include "must.h"
 #include "orvix/nodes/node_system_class.h"
 #include "store/node_system_impl.h"
 
@@ -18,7 +19,7 @@ using GCF = GET_CONNECTIONS_FLAGS;
 using GFI = GNODE_FLAGS_IMPL;
 
 inline NodePath P(std::string_view text) {
-  return NodePath::Parse(text).Value();
+  return Must(NodePath::Parse(text));
 }
 
 template <typename T>
@@ -28,16 +29,16 @@ std::string Message(const Result<T>& r) {
 
 // The path without its last `n` parts.
 inline NodePath Cut(const NodePath& path, size_t n) {
-  return path.Slice(0, NodePath::SliceCount(int64_t(path.GetCount() - n))).Value();
+  return Must(path.Slice(0, NodePath::SliceCount(int64_t(path.GetCount() - n))));
 }
 
 // An empty system under modification, made as an implementation so that
 // others can derive from it; or, given `base`, a system derived from that.
 inline Ref<NodeSystemImpl> Open(const Ref<NodeSystemImpl>& base = nullptr) {
   Ref<NodeSystemImpl> s =
-      base ? NodeSystemImpl::CreateDerived(base).Value() : MakeRef<NodeSystemImpl>();
+      base ? Must(NodeSystemImpl::CreateDerived(base)) : MakeRef<NodeSystemImpl>();
   if (!base) {
-    EXPECT_TRUE(s->Init(CreateDefaultNodeSystemClass().Value()));
+    EXPECT_TRUE(s->Init(Must(CreateDefaultNodeSystemClass())));
   }
   EXPECT_TRUE(s->BeginModification());
   return s;

@@ -23,11 +23,11 @@ constexpr uint64_t REMOVE_ALL = 0x3e3e3e3e3e3e3e3eULL;
 using Pair = std::pair<std::string, std::string>;
 
 std::string ChildPath(const std::string& parent, std::string_view id) {
-  return P(parent).Append(Id(id)).Value().ToString();
+  return Must(P(parent).Append(Id(id))).ToString();
 }
 std::string ParentPath(const std::string& path) {
   const NodePath p = P(path);
-  return p.Slice(0, NodePath::SliceCount(int64_t(p.GetCount()) - 1)).Value().ToString();
+  return Must(p.Slice(0, NodePath::SliceCount(int64_t(p.GetCount()) - 1))).ToString();
 }
 bool Within(const std::string& path, const std::string& top) {
   return P(path).StartsWith(P(top));
@@ -403,7 +403,7 @@ class Runner {
       if (w.IsEmpty()) continue;
       ExpectMarked(s, other, toSource ? GFI::MODIFIED_TARGETS : GFI::MODIFIED_SOURCES);
       const PORT_DIR dir = toSource ? PORT_DIR::OUTPUT : PORT_DIR::INPUT;
-      EXPECT_GT(s.GetConnectionStamp(s.FindByPath(P(other)), dir).Value(), _before.stamp);
+      EXPECT_GT(Must(s.GetConnectionStamp(s.FindByPath(P(other)), dir)), _before.stamp);
       EXPECT_TRUE(HasAny(s.GetModifications(_before.stamp), MODIFIED::CONNECTION_MASK));
     }
     m.Erase(p);
@@ -513,7 +513,7 @@ class Runner {
     EXPECT_EQ(sources, effective);
     EXPECT_EQ(targets, effective);
     for (const auto& [pair, w] : effective) {
-      EXPECT_EQ(s.GetConnection(s.FindByPath(P(pair.first)), s.FindByPath(P(pair.second))).Value(),
+      EXPECT_EQ(Must(s.GetConnection(s.FindByPath(P(pair.first)), s.FindByPath(P(pair.second)))),
                 w);
     }
     EXPECT_EQ(Message(s.CheckConnectionConsistency()), "(ok)");

@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "must.h"
 #include "orvix/nodes/modification.h"
 #include "orvix/nodes/modified_bits_probe.h"
 #include "orvix/nodes/node_system_class.h"
@@ -21,7 +22,7 @@ namespace orvix::nodes::test {
 using GFI = GNODE_FLAGS_IMPL;
 
 inline NodePath P(std::string_view text) {
-  return NodePath::Parse(text).Value();
+  return Must(NodePath::Parse(text));
 }
 inline InternedId Id(std::string_view text) {
   return InternedId::Get(text);
@@ -51,19 +52,19 @@ inline Ref<NodeSystem> Finish(MutableRoot& root) {
 
 // An empty system of the default class, open for editing.
 inline MutableRoot OpenEmpty() {
-  return CreateDefaultNodeSystemClass().Value()->CreateNodeSystem().Value();
+  return Must(Must(CreateDefaultNodeSystemClass())->CreateNodeSystem());
 }
 
 // A finished system opened again; it is copied if others hold it too.
 inline MutableRoot Open(Ref<NodeSystem> system) {
-  return BeginModification(system, false).Value();
+  return Must(BeginModification(system, false));
 }
 
 // A system derived from the finished `base`, open for editing.
 inline MutableRoot OpenDerived(const Ref<NodeSystem>& base) {
   Ref<NodeSystemImpl> b(static_cast<NodeSystemImpl*>(base.Get()));
-  Ref<NodeSystem> derived = NodeSystemImpl::CreateDerived(std::move(b)).Value();
-  return BeginModification(derived, false).Value();
+  Ref<NodeSystem> derived = Must(NodeSystemImpl::CreateDerived(std::move(b)));
+  return Must(BeginModification(derived, false));
 }
 
 // Edits that name their elements by path.
@@ -118,7 +119,7 @@ inline GFI MarksAt(const NodeSystem& system, std::string_view path) {
   return ProbeModifiedBits(system, system.FindByPath(P(path))).ValueOr(GFI::NONE);
 }
 inline GFI SystemMarks(const NodeSystem& system) {
-  return ProbeSystemModifiedBits(system).Value();
+  return Must(ProbeSystemModifiedBits(system));
 }
 
 // The connection entries stored in `system`'s own record of `path`, keyed

@@ -64,7 +64,7 @@ TEST(HandleTrust, AHandleOfAFreedRecordIsNotTrustedThroughACopyOfADerivedSystem)
   GNode kept;
   {
     MutableRoot edit = Open(s);
-    kept = *AddPortAt(*edit._system, ">", "x");
+    kept = Must(AddPortAt(*edit._system, ">", "x"));
     ASSERT_TRUE(RemoveAt(*edit._system, ">x"));
     s = Finish(edit);  // the removed record is purged and freed here
   }
@@ -97,7 +97,7 @@ TEST(HandleTrust, AHandleThatABaseMadeBeforeItLostTheElementIsLookedUpAgain) {
   GNode kept;
   {
     MutableRoot edit = Open(base);
-    kept = *edit._system->AddChild("n0", op, nullptr);
+    kept = Must(edit._system->AddChild("n0", op, nullptr));
     ASSERT_TRUE(RemoveAt(*edit._system, "n0"));
     base = Finish(edit);
   }

@@ -49,22 +49,22 @@ Ref<NodeSystem> MakeGraph() {
 }
 
 Wires WiresOf(const NodeSystemImpl& s, std::string_view from, std::string_view to) {
-  return s.GetConnection(s.FindByPath(P(from)), s.FindByPath(P(to))).Value();
+  return Must(s.GetConnection(s.FindByPath(P(from)), s.FindByPath(P(to))));
 }
 
 TEST(StructuralEdits, FailedEditsGiveTheirMessageAndChangeNothing) {
   // The edits run on a derived system whose base has a port that derivation
   // would have made, not a direct one.
   MutableRoot b = Open(MakeGraph());
-  GNode made = AddPortAt(Impl(b), "<", "d").Value();
+  GNode made = Must(AddPortAt(Impl(b), "<", "d"));
   made.info->flags = (made.info->flags & ~GFI::DIRECT_PORT) | GFI::DERIVED_PORT_SYNTHESIZED;
   const Ref<NodeSystem> base = Finish(b);
   MutableRoot root = OpenDerived(base);
   NodeSystemImpl& s = Impl(root);
-  const GNode stale = s.AddChild("n9", AddOperator(), nullptr).Value();
+  const GNode stale = Must(s.AddChild("n9", AddOperator(), nullptr));
   const GNode staleIn = s.FindByPath(P("n9<a"));
   ASSERT_TRUE(s.Remove(stale, nullptr));
-  MutableRoot foreignRoot = MakeRef<OtherClass>()->CreateNodeSystem().Value();
+  MutableRoot foreignRoot = Must(MakeRef<OtherClass>()->CreateNodeSystem());
   const Ref<NodeSystem> foreign = Finish(foreignRoot);
   MutableRoot unfinished = Open(AddOperator());
   ASSERT_TRUE(AddPortAt(*unfinished._system, ">", "p"));
@@ -162,18 +162,18 @@ TEST(StructuralEdits, AttributesOnAnInheritedWireAreItsOnlyDifference) {
   MutableRoot root = OpenDerived(base);
   NodeSystemImpl& d = Impl(root);
   const GNode s = d.FindByPath(P("n2>o")), t = d.FindByPath(P(">s"));
-  EXPECT_TRUE(d.SetConnectionValue(s, t, 1, Id("label"), Data(7), nullptr).Value());
-  EXPECT_FALSE(d.SetConnectionValue(s, t, 1, Id("label"), Data(7), nullptr).Value());
+  EXPECT_TRUE(Must(d.SetConnectionValue(s, t, 1, Id("label"), Data(7), nullptr)));
+  EXPECT_FALSE(Must(d.SetConnectionValue(s, t, 1, Id("label"), Data(7), nullptr)));
   const auto there = StoredAt(d, "n2>o"), back = StoredAt(d, ">s");
   ASSERT_EQ(there.count(">s>") + back.count("n2>o<"), 2u);
   EXPECT_TRUE(there.at(">s>") == back.at("n2>o<"));
   EXPECT_EQ(there.at(">s>").wires, Wires(0x90));
-  EXPECT_EQ(d.GetConnectionValue(s, t, 1, Id("label")).Value(), Data(7));
+  EXPECT_EQ(Must(d.GetConnectionValue(s, t, 1, Id("label"))), Data(7));
   const NodeSystemImpl& b = Impl(base);
-  EXPECT_TRUE(b.GetConnectionValue(b.FindByPath(P("n2>o")), b.FindByPath(P(">s")), 1, Id("label"))
-                  .Value()
-                  .IsEmpty());
-  EXPECT_TRUE(d.SetConnectionValue(s, t, 1, Id("label"), Data(), nullptr).Value());
+  EXPECT_TRUE(
+      Must(b.GetConnectionValue(b.FindByPath(P("n2>o")), b.FindByPath(P(">s")), 1, Id("label")))
+          .IsEmpty());
+  EXPECT_TRUE(Must(d.SetConnectionValue(s, t, 1, Id("label"), Data(), nullptr)));
   EXPECT_TRUE(StoredAt(d, "n2>o").empty() && StoredAt(d, ">s").empty());
   EXPECT_TRUE(Finish(root));
 }
@@ -284,8 +284,8 @@ TEST(StructuralEdits, ARemovalOfInheritedWiresMovesTheStampsOfTheOtherEnds) {
   NodeSystemImpl& d = Impl(root);
   const uint64_t before = d.GetModificationStamp();
   ASSERT_TRUE(RemoveAt(d, "n2"));
-  EXPECT_GT(d.GetConnectionStamp(d.FindByPath(P("n1>o")), PORT_DIR::OUTPUT).Value(), before);
-  EXPECT_GT(d.GetConnectionStamp(d.FindByPath(P(">s")), PORT_DIR::INPUT).Value(), before);
+  EXPECT_GT(Must(d.GetConnectionStamp(d.FindByPath(P("n1>o")), PORT_DIR::OUTPUT)), before);
+  EXPECT_GT(Must(d.GetConnectionStamp(d.FindByPath(P(">s")), PORT_DIR::INPUT)), before);
   EXPECT_TRUE(HasAny(d.GetModifications(before), MODIFIED::CONNECTION_MASK));
 }
 
@@ -301,8 +301,7 @@ TEST(ChildWalk, GoesOnAfterEditsBetweenSteps) {
   }
   ChildIterator it;
   std::vector<std::string> seen;
-  for (GNode child = s.GetFirstChild(inputs, it).Value(); child;
-       child = s.GetNextChild(it).Value()) {
+  for (GNode child = Must(s.GetFirstChild(inputs, it)); child; child = Must(s.GetNextChild(it))) {
     seen.push_back(child.path.ToString());
     if (seen.size() != 2) continue;
     for (const char* p : {"<b", "<d"}) ASSERT_TRUE(RemoveAt(s, p));

@@ -8,6 +8,7 @@
 #include <unordered_set>
 #include <vector>
 
+#include "must.h"
 #include "orvix/host/format.h"
 
 namespace orvix {
@@ -17,7 +18,7 @@ using KIND = CONNECTION_ATTRIBUTE_KIND;
 using Element = ConnectionAttributes::Element;
 
 NodePath P(std::string_view text) {
-  return NodePath::Parse(text).Value();
+  return Must(NodePath::Parse(text));
 }
 
 ConnectionAttributeKey Key(std::string_view id, KIND kind) {
@@ -25,7 +26,7 @@ ConnectionAttributeKey Key(std::string_view id, KIND kind) {
 }
 
 Ref<ConnectionAttributes> Make(std::vector<Element> elements) {
-  return ConnectionAttributes::Create(std::move(elements)).Value();
+  return Must(ConnectionAttributes::Create(std::move(elements)));
 }
 
 // Element by element, in order.
@@ -68,7 +69,7 @@ TEST(ConnectionAttributeKey, WordRoundTripAndBadArguments) {
   std::unordered_set<ConnectionAttributeKey> seen;
   for (InternedId id : {InternedId::Get("net.orvix.node.ionodes"), InternedId::Get("a")}) {
     for (uint32_t kind = 0; kind < 3; ++kind) {
-      const ConnectionAttributeKey key = ConnectionAttributeKey::Create(id, kind).Value();
+      const ConnectionAttributeKey key = Must(ConnectionAttributeKey::Create(id, kind));
       EXPECT_EQ(key.GetId(), id);
       EXPECT_EQ(uint32_t(key.GetKind()), kind);
       EXPECT_EQ(ConnectionAttributeKey::FromWord(key.GetWord()), key);
@@ -98,10 +99,10 @@ TEST(ConnectionAttributes, LookupWalkTextAndDroppingOneEnd) {
   }));
   EXPECT_EQ(walk, "0x1;2x2;");
 
-  EXPECT_TRUE(Holds(ConnectionAttributes::WithoutKind(a.Get(), KIND::SOURCE)->Get(),
+  EXPECT_TRUE(Holds(Must(ConnectionAttributes::WithoutKind(a.Get(), KIND::SOURCE)).Get(),
                     {elements[1], elements[2]}));
   EXPECT_TRUE(Holds(a.Get(), elements));
-  EXPECT_TRUE((*ConnectionAttributes::WithoutKind(nullptr, KIND::TARGET))->IsEmpty());
+  EXPECT_TRUE(Must(ConnectionAttributes::WithoutKind(nullptr, KIND::TARGET))->IsEmpty());
 }
 
 TEST(ConnectionAttributes, EqualityIsOfElementSets) {
@@ -166,7 +167,7 @@ TEST(ConnectionAttributes, CopyBeforeWriteLeavesEveryEarlierArrayAlone) {
     ASSERT_NE(next->Get(), current.Get());
     if (current)
       history.emplace_back(current, std::vector<Element>(current->begin(), current->end()));
-    current = std::move(next).Value();
+    current = Must(std::move(next));
     ASSERT_TRUE(Holds(current.Get(), model)) << current->ToString();
   }
   for (const auto& [array, held] : history) ASSERT_TRUE(Holds(array.Get(), held));

@@ -7,6 +7,7 @@
 #include <unordered_set>
 #include <vector>
 
+#include "must.h"
 #include "orvix/graph/node_kind.h"
 #include "orvix/graph/node_path.h"
 
@@ -65,7 +66,7 @@ TEST(NodePathParse, KindsRootAndMarkers) {
   EXPECT_TRUE(P("").IsNull());
   EXPECT_EQ(P("").GetKind(), NODE_KIND::NONE);
   EXPECT_EQ(P("").GetKind(true), NODE_KIND::NODE);
-  EXPECT_EQ(*NodePath::Alloc(), P(""));
+  EXPECT_EQ(Must(NodePath::Alloc()), P(""));
   EXPECT_NE(P("a"), P(""));
   // A NUL ends the scan, an escaped one stays in the part, and an escaped marker interns to
   // the reserved id, so it is the marker.
@@ -116,7 +117,7 @@ TEST(NodePathParse, EveryMessageWordForWord) {
 TEST(NodePathParse, ParseToArrayAppendsAndLeavesTheArrayOnFailure) {
   Parts parts{Id("a"), NodePath::GetInputsId()};
   ASSERT_TRUE(NodePath::ParseToArray("b/c", parts));
-  EXPECT_EQ(*NodePath::Create(parts), P("a<b/c"));
+  EXPECT_EQ(Must(NodePath::Create(parts)), P("a<b/c"));
   const Parts before = parts;
   // The marker already in the array counts for the one-marker rule.
   EXPECT_EQ(ErrorOf(NodePath::ParseToArray("d>e", parts)),
@@ -160,7 +161,7 @@ TEST(NodePathRoundTrip, PartsSurviveStringFormAndParse) {
       parts.push_back(marker == 1 ? NodePath::GetInputsId() : NodePath::GetOutputsId());
       for (uint32_t i = random.Below(4); i > 0; --i) parts.push_back(random.PartName());
     }
-    const NodePath path = *NodePath::Create(parts);
+    const NodePath path = Must(NodePath::Create(parts));
     const std::string text = path.ToString();
     const Result<NodePath> back = NodePath::Parse(text, marker != 0);
     ASSERT_TRUE(back) << text << ": " << ErrorOf(back);
@@ -196,7 +197,7 @@ TEST(NodePathHash, FollowsTheFormulaAndFindsEqualPathsInASet) {
   EXPECT_EQ(NodePath::HashBlock(Parts{Id("a"), InternedId()}),
             (va + 1) * 0xbf58476d1ce4e5b9ULL + 1);
   std::unordered_set<NodePath> set{P("n/m<p/q"), P("")};
-  EXPECT_EQ(set.count(P("n/m<p/q")) + set.count(*NodePath::Alloc()), 2u);
+  EXPECT_EQ(set.count(P("n/m<p/q")) + set.count(Must(NodePath::Alloc())), 2u);
   EXPECT_EQ(set.count(P("n/m<p")), 0u);
 }
 
@@ -215,17 +216,17 @@ TEST(NodePathHash, IncrementalBuildsAgreeWithWholeBlocks) {
       const uint32_t how = rng() % 3;
       if (how == 0 && !chunk.empty()) {
         chunk.resize(1);
-        built = *built.Append(chunk[0]);
+        built = Must(built.Append(chunk[0]));
       } else if (how == 2) {
-        built = *NodePath::CreateUnchecked(chunk)->AppendPath(built);
+        built = Must(Must(NodePath::CreateUnchecked(chunk)).AppendPath(built));
         parts.insert(parts.begin(), chunk.begin(), chunk.end());
         continue;
       } else {
-        built = *built.AppendBlock(chunk);
+        built = Must(built.AppendBlock(chunk));
       }
       parts.insert(parts.end(), chunk.begin(), chunk.end());
     }
-    const NodePath whole = *NodePath::CreateUnchecked(parts);
+    const NodePath whole = Must(NodePath::CreateUnchecked(parts));
     ASSERT_EQ(built.ToString(), whole.ToString());
     EXPECT_EQ(built.GetHashCode(), NodePath::HashBlock(parts));
     EXPECT_EQ(built.GetKindRaw(), NodePath::KindOfBlock(parts));
@@ -239,8 +240,8 @@ TEST(NodePathOrder, FollowsThePartStringsNotTheHash) {
   EXPECT_LT(P("a<x"), P("a>x"));
   EXPECT_GT(P("ab"), P("a/b"));
   // A null part sorts before any other, the empty id included.
-  EXPECT_LT(*NodePath::CreateUnchecked(Parts{InternedId()}),
-            *NodePath::CreateUnchecked(Parts{Id("")}));
+  EXPECT_LT(Must(NodePath::CreateUnchecked(Parts{InternedId()})),
+            Must(NodePath::CreateUnchecked(Parts{Id("")})));
   std::vector<std::string> names;
   std::vector<NodePath> paths;
   for (int i = 0; i < 200; ++i) {
@@ -254,13 +255,13 @@ TEST(NodePathOrder, FollowsThePartStringsNotTheHash) {
 
 TEST(NodePathSections, SlicesCountFromTheEndAndShareWhatTheyCan) {
   const NodePath path = P("a/b/c/d");
-  EXPECT_EQ(path.Slice(1, NodePath::SliceEnd(-2))->ToString(), "b/c");
-  EXPECT_EQ(path.Slice(-3, NodePath::SliceCount(2))->ToString(), "c/d");
-  EXPECT_EQ(P("a<b/c").Slice(1, NodePath::SliceCount(2))->GetKindRaw(), NODE_KIND::INPORT);
-  EXPECT_TRUE(path.Slice(-5, NodePath::SliceCount(4))->IsSameObject(path));
-  EXPECT_TRUE(path.Slice(4, NodePath::SliceCount(0))->IsNull());
-  EXPECT_TRUE(NodePath().AppendPath(path)->AppendBlock({})->IsSameObject(path));
-  EXPECT_EQ(P(">o/p").GetTopLevelPort()->ToString(), ">o");
+  EXPECT_EQ(Must(path.Slice(1, NodePath::SliceEnd(-2))).ToString(), "b/c");
+  EXPECT_EQ(Must(path.Slice(-3, NodePath::SliceCount(2))).ToString(), "c/d");
+  EXPECT_EQ(Must(P("a<b/c").Slice(1, NodePath::SliceCount(2))).GetKindRaw(), NODE_KIND::INPORT);
+  EXPECT_TRUE(Must(path.Slice(-5, NodePath::SliceCount(4))).IsSameObject(path));
+  EXPECT_TRUE(Must(path.Slice(4, NodePath::SliceCount(0))).IsNull());
+  EXPECT_TRUE(Must(Must(NodePath().AppendPath(path)).AppendBlock({})).IsSameObject(path));
+  EXPECT_EQ(Must(P(">o/p").GetTopLevelPort()).ToString(), ">o");
   EXPECT_TRUE(P("a<b").EqualsConcatenation(Parts{Id("a")}, P("<b").ToBlock()));
   EXPECT_FALSE(NodePath().EqualsConcatenation(Parts{Id("a")}, {}));
   EXPECT_TRUE(NodePath().EqualsConcatenation(Parts{Id("a")}, {}, true));
@@ -275,7 +276,7 @@ TEST(NodePathSharing, HandlesCopiedAcrossThreadsReleaseTheirReferences) {
       for (int i = 0; i < 2000; ++i) {
         NodePath copy = path;
         NodePath moved = std::move(copy);
-        EXPECT_EQ(moved.GetTopLevelPort()->ToString(), "shared/path<x");
+        EXPECT_EQ(Must(moved.GetTopLevelPort()).ToString(), "shared/path<x");
       }
     });
   }

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "must.h"
 #include "orvix/host/diagnostics.h"
 #include "orvix/host/format.h"
 
@@ -48,7 +49,7 @@ TEST_F(Config, AssignmentsParseEveryTypeAndIgnoreBlanksAroundNumbers) {
   };
   for (auto [assignment, name, expected] : good) {
     ASSERT_TRUE(ApplyConfigAssignment(assignment)) << assignment;
-    EXPECT_EQ(GetConfigVariableInfo(name)->valueText, expected) << assignment;
+    EXPECT_EQ(Must(GetConfigVariableInfo(name)).valueText, expected) << assignment;
   }
   EXPECT_EQ(g_hostTestRatio.Get(), 0.1);
   g_hostTestWidth.Set(5);  // a range binds text only: the owner's own business
@@ -120,10 +121,10 @@ TEST_F(Config, TheRegistryListsSortedLosesTheDestroyedAndKeepsOutDuplicates) {
   }
   EXPECT_EQ(ErrorOf(SetConfigVariable("g_hostTestScoped", "5")),
             "Unknown configuration variable g_hostTestScoped.");
-  Result<ConfigVariableInfo> count = GetConfigVariableInfo("g_hostTestCount");
-  EXPECT_EQ(count->defaultText, "3");
-  EXPECT_EQ(count->valueText, "9");
-  EXPECT_EQ(GetConfigVariableInfo("g_hostTestWidth")->rangeText, "10 to 200");
+  const ConfigVariableInfo count = Must(GetConfigVariableInfo("g_hostTestCount"));
+  EXPECT_EQ(count.defaultText, "3");
+  EXPECT_EQ(count.valueText, "9");
+  EXPECT_EQ(Must(GetConfigVariableInfo("g_hostTestWidth")).rangeText, "10 to 200");
 
   CapturedOutput output;
   {
@@ -135,7 +136,7 @@ TEST_F(Config, TheRegistryListsSortedLosesTheDestroyedAndKeepsOutDuplicates) {
     EXPECT_TRUE(g_hostTestFlag.Get());
   }
   // The twin's end took nothing away from the first.
-  EXPECT_EQ(GetConfigVariableInfo("g_hostTestFlag")->help, "A flag for tests.");
+  EXPECT_EQ(Must(GetConfigVariableInfo("g_hostTestFlag")).help, "A flag for tests.");
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 #include <thread>
 #include <vector>
 
+#include "must.h"
 #include "orvix/host/diagnostics.h"
 #include "orvix/host/format.h"
 
@@ -40,8 +41,8 @@ std::string Canonical(const Data& d, bool arrayTypes = true) {
 }
 
 const DataType* PointType() {
-  static const DataType* type = *RegisterDataType(
-      DataTypeInfo{"net.orvix.test.datatype.point", DATA_STORAGE::OBJECT, VALUEKIND::OBJECT});
+  static const DataType* type = Must(RegisterDataType(
+      DataTypeInfo{"net.orvix.test.datatype.point", DATA_STORAGE::OBJECT, VALUEKIND::OBJECT}));
   return type;
 }
 
@@ -87,7 +88,7 @@ class ValueMaker {
     if (pick == std::size(scalars)) {
       std::vector<Data> ints;
       for (size_t n = Pick(3); n > 0; --n) ints.emplace_back(int64_t(Pick(2)));
-      return Data(*DataArray::Create(GetDataType<int64_t>(), ints));
+      return Data(Must(DataArray::Create(GetDataType<int64_t>(), ints)));
     }
     if (pick == std::size(scalars) + 1) {
       DataArray a;
@@ -155,9 +156,9 @@ TEST(Data, TextForms) {
 }
 
 TEST(Data, EveryMessage) {
-  static const DataType* level = *RegisterDataType(DataTypeInfo{
+  static const DataType* level = Must(RegisterDataType(DataTypeInfo{
       "net.orvix.test.datatype.level", DATA_STORAGE::INT64,
-      VALUEKIND::ENUM | VALUEKIND::INTEGRAL | VALUEKIND::SIGNED, 8, GetDataType<int64_t>()});
+      VALUEKIND::ENUM | VALUEKIND::INTEGRAL | VALUEKIND::SIGNED, 8, GetDataType<int64_t>()}));
   DataType loose(DataTypeInfo{"net.orvix.test.datatype.loose", DATA_STORAGE::INT64});
   Data doc(
       DataDictionary{{Data("list"), Data(DataArray{Data(1L), Data(2L)})}, {Data("n"), Data(1L)}});
@@ -199,7 +200,7 @@ TEST(Data, EveryMessage) {
   };
   for (const auto& [message, expected] : cases) EXPECT_EQ(message, expected);
   // A type that stands for a host type reads only as itself.
-  Data two = *Data(int64_t(2)).WithType(level);
+  Data two = Must(Data(int64_t(2)).WithType(level));
   EXPECT_NE(two, Data(int64_t(2)));
   EXPECT_FALSE(two.Is<int64_t>());
 }
@@ -211,9 +212,9 @@ TEST(Data, CopiesShareUntilAWriteAndNeverSeeLaterWrites) {
   const Data path[] = {Data("a"), Data(0L)};
   Data previous;
   // Writing the value that is already there copies nothing.
-  EXPECT_FALSE(*copy.SetSubData(path, Data(1L), &previous));
+  EXPECT_FALSE(Must(copy.SetSubData(path, Data(1L), &previous)));
   EXPECT_TRUE(copy.GetPtr<DataDictionary>()->IsSharedWith(*original.GetPtr<DataDictionary>()));
-  EXPECT_TRUE(*copy.SetSubData(path, Data(9L), &previous));
+  EXPECT_TRUE(Must(copy.SetSubData(path, Data(9L), &previous)));
   EXPECT_EQ(previous, Data(1L));
   EXPECT_EQ(original.ToString(), R"({"a": [1, 2], "b": [3]})");
   EXPECT_EQ(copy.ToString(), R"({"a": [9, 2], "b": [3]})");
@@ -223,9 +224,9 @@ TEST(Data, CopiesShareUntilAWriteAndNeverSeeLaterWrites) {
   };
   EXPECT_TRUE(b(copy)->IsSharedWith(*b(original)));
   // A new entry has no previous value; no keys at all name the whole value.
-  EXPECT_TRUE(*copy.SetSubData(std::vector<Data>{Data("new")}, Data(true), &previous));
+  EXPECT_TRUE(Must(copy.SetSubData(std::vector<Data>{Data("new")}, Data(true), &previous)));
   EXPECT_TRUE(previous.IsEmpty());
-  EXPECT_TRUE(*copy.SetSubData({}, Data(1L)));
+  EXPECT_TRUE(Must(copy.SetSubData({}, Data(1L))));
   EXPECT_EQ(copy, Data(1L));
 }
 
@@ -283,7 +284,7 @@ TEST(DataDictionary, RandomWritesMatchAModelAndKeepOrder) {
         it->second = value;
       }
     } else if (op == 2) {
-      ASSERT_EQ(*dict.Erase(key), it != model.end());
+      ASSERT_EQ(Must(dict.Erase(key)), it != model.end());
       if (it != model.end()) model.erase(it);
     } else {
       if (pick(4) == 0) snapshots.emplace_back(dict, model);
@@ -316,11 +317,11 @@ struct Typeless final : DataObject {
 TEST(Data, ObjectsAreCopiedOnWriteThroughTheirType) {
   Data a(MakeRef<Point>(1, 2));
   Data shared = a;
-  Point* writable = static_cast<Point*>(*shared.GetWritableObject());
+  Point* writable = static_cast<Point*>(Must(shared.GetWritableObject()));
   writable->x = 5;
   EXPECT_EQ(Data(DataArray{a, shared}).ToString(), "[(1,2), (5,2)]");
-  EXPECT_EQ((*a.GetObject<Point>())->x, 1);
-  EXPECT_EQ(*shared.GetWritableObject(), writable);  // now unshared: no second copy
+  EXPECT_EQ(Must(a.GetObject<Point>())->x, 1);
+  EXPECT_EQ(Must(shared.GetWritableObject()), writable);  // now unshared: no second copy
 
   CapturedOutput output;
   EXPECT_TRUE(Data(MakeRef<Typeless>()).IsEmpty());
@@ -340,7 +341,7 @@ TEST(ConstantData, IsMadeOnceAndCopiesCantChangeIt) {
     threads.emplace_back([t] {
       for (int i = 0; i < 200; ++i) {
         Data copy = IN_PORTS.Get();
-        EXPECT_TRUE((*copy.GetWritableArray())->Append(Data(InternedId::Get(ToText(t)))));
+        EXPECT_TRUE(Must(copy.GetWritableArray())->Append(Data(InternedId::Get(ToText(t)))));
       }
     });
   }

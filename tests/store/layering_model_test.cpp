@@ -26,7 +26,7 @@ struct Live {
 uint64_t Payload(const NodeInfo* info) {
   static const InternedId id = Id("payload");
   const AttributeRecord* record = info->attributes ? info->attributes->records.Find(id) : nullptr;
-  return record ? uint64_t(record->value.Get<int64_t>().Value()) : 0;
+  return record ? uint64_t(Must(record->value.Get<int64_t>())) : 0;
 }
 
 void SetPayload(NodeInfo* info, uint64_t payload) {
@@ -79,12 +79,12 @@ TEST(LayeringModel, RandomWritesRemovalsCopiesAndCompactions) {
     if (op < 45) {
       // Write: the record fetched for writing carries what it carried below.
       GNode handle(P(text));
-      NodeInfo* info = system.GetMutable(handle, NODE_KIND::NONE).Value();
+      NodeInfo* info = Must(system.GetMutable(handle, NODE_KIND::NONE));
       EXPECT_EQ(Payload(info), live.model.contains(text) ? live.model[text] : 0) << text;
       SetPayload(info, nextPayload);
       live.model[text] = nextPayload++;
     } else if (op < 70) {
-      const bool removed = system.RemoveEntry(P(text)).Value();
+      const bool removed = Must(system.RemoveEntry(P(text)));
       EXPECT_EQ(removed, live.model.erase(text) == 1) << "step " << step << " " << text;
     } else if (op < 82) {
       if (lives.size() < 10) lives.push_back({Copy(system), live.model, {}});

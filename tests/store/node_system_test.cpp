@@ -60,31 +60,28 @@ TEST(NodeSystemStore, TreeReads) {
   Add(*system, "<" + std::string(NODE_SYSTEM_PORT_ID));
   const GNode q = system->FindByPath(P("a/b<p/q"));
   const GNode b = system->FindByPath(P("a/b"));
-  EXPECT_EQ(system->GetParent(q).Value().path, P("a/b<p"));
-  EXPECT_EQ(system->GetAncestor(q, NODE_KIND::NODE).Value().path, P("a/b"));
-  EXPECT_EQ(system->GetPortList(b, PORT_DIR::INPUT).Value().path, P("a/b<"));
-  EXPECT_FALSE(system->GetPortList(b, PORT_DIR::OUTPUT).Value());  // never added
+  EXPECT_EQ(Must(system->GetParent(q)).path, P("a/b<p"));
+  EXPECT_EQ(Must(system->GetAncestor(q, NODE_KIND::NODE)).path, P("a/b"));
+  EXPECT_EQ(Must(system->GetPortList(b, PORT_DIR::INPUT)).path, P("a/b<"));
+  EXPECT_FALSE(Must(system->GetPortList(b, PORT_DIR::OUTPUT)));  // never added
   EXPECT_EQ(Message(system->GetPortList(q, PORT_DIR::INPUT)),
             "Illegal argument: Condition handle.path.GetKindRaw() == NODE_KIND::NODE not "
             "fulfilled. ");
   const InternedId parts[] = {Id("b"), NodePath::GetInputsId(), Id("p")};
-  EXPECT_EQ(system->FindDescendant(system->FindByPath(P("a")), parts).Value().path, P("a/b<p"));
+  EXPECT_EQ(Must(system->FindDescendant(system->FindByPath(P("a")), parts)).path, P("a/b<p"));
   // Nodes only, depth first, until the visitor answers false.
   Strings visited;
-  EXPECT_FALSE(system
-                   ->VisitNodes(system->GetRoot(),
-                                [&](const GNode& n) -> Result<bool> {
-                                  visited.push_back(n.path.ToString());
-                                  return n.path != P("c");
-                                })
-                   .Value());
+  EXPECT_FALSE(Must(system->VisitNodes(system->GetRoot(), [&](const GNode& n) -> Result<bool> {
+    visited.push_back(n.path.ToString());
+    return n.path != P("c");
+  })));
   EXPECT_EQ(visited, (Strings{"", "a", "a/b", "c"}));
 
   const GNode inputs = system->FindByPath(P("<"));
-  EXPECT_EQ(system->GetChild(inputs, Id("x"), NODE_KIND::PORT_MASK).Value().path, P("<x"));
-  EXPECT_FALSE(system->GetChild(inputs, Id("x"), NODE_KIND::NODE).Value());
+  EXPECT_EQ(Must(system->GetChild(inputs, Id("x"), NODE_KIND::PORT_MASK)).path, P("<x"));
+  EXPECT_FALSE(Must(system->GetChild(inputs, Id("x"), NODE_KIND::NODE)));
   // Without an id: ".hidden" and the node-system port are no candidates.
-  EXPECT_EQ(system->GetChild(inputs, InternedId(), NODE_KIND::INPORT).Value().path, P("<x"));
+  EXPECT_EQ(Must(system->GetChild(inputs, InternedId(), NODE_KIND::INPORT)).path, P("<x"));
   Add(*system, "<z");
   EXPECT_EQ(Message(system->GetChild(inputs, InternedId(), NODE_KIND::INPORT)),
             "More than one port in <.");
@@ -97,9 +94,9 @@ TEST(NodeSystemStore, TreeReads) {
   CapturedOutput output;
   EXPECT_FALSE(system->FindNode(P("missing"), NODE_KIND::ALL_MASK, false));
   GNode root = system->GetRoot();
-  NodeInfo* rootInfo = system->GetMutable(root, NODE_KIND::NODE).Value();
+  NodeInfo* rootInfo = Must(system->GetMutable(root, NODE_KIND::NODE));
   ASSERT_TRUE(system->SetChildRecord(rootInfo, Id("ghost"), CHILD_FLAGS::ADDED));
-  EXPECT_FALSE(system->GetChild(root, Id("ghost"), NODE_KIND::ALL_MASK).Value());
+  EXPECT_FALSE(Must(system->GetChild(root, Id("ghost"), NODE_KIND::ALL_MASK)));
   EXPECT_EQ(Children(*system, ""), (Strings{"<", ">", "a", "c"}));
   EXPECT_EQ(output.Texts(OUTPUT_LEVEL::CRITICAL), Strings(3, "Stop: Internal error."));
 }
@@ -140,17 +137,17 @@ Ref<NodeSystemImpl> MakeBase() {
 
 TEST(DerivedSystem, ItHoldsWhatItChangesAndReadsTheRestThroughItsBase) {
   Ref<NodeSystemImpl> base = MakeBase();
-  Ref<NodeSystemImpl> derived = NodeSystemImpl::CreateDerived(base).Value();
+  Ref<NodeSystemImpl> derived = Must(NodeSystemImpl::CreateDerived(base));
   EXPECT_EQ(derived->GetEntryCount(), 1u);
   GNode x = derived->FindByPath(P("a<x"));
   NodeInfo* baseX = base->FindByPath(P("a<x")).info;
   EXPECT_EQ(x.system, base.Get());
   EXPECT_EQ(x.info, baseX);
-  EXPECT_EQ(derived->GetFlags(x).Value(), GNODE_FLAGS::DIRECT_PORT | GNODE_FLAGS::TAPPING_PORT);
+  EXPECT_EQ(Must(derived->GetFlags(x)), GNODE_FLAGS::DIRECT_PORT | GNODE_FLAGS::TAPPING_PORT);
 
   // An own record starts empty with the inherited flags; the foreign handle follows it.
   GNode write = x;
-  NodeInfo* own = derived->GetMutable(write, NODE_KIND::INPORT).Value();
+  NodeInfo* own = Must(derived->GetMutable(write, NODE_KIND::INPORT));
   EXPECT_EQ(own->base, baseX);
   EXPECT_EQ(own->flags, GFI(NODE_KIND::INPORT) | GFI::DIRECT_PORT | GFI::TAPPING_PORT);
   derived->Refresh(x);
@@ -174,7 +171,7 @@ TEST(DerivedSystem, ARemovalHalfwayDownAChainOfBasesHidesThePathAboveIt) {
   std::vector<Ref<NodeSystemImpl>> chain{MakeBase()};
   for (int level = 1; level <= 5; ++level) {
     if (level == 3) Remove(*chain.back(), "a");
-    chain.push_back(NodeSystemImpl::CreateDerived(chain.back()).Value());
+    chain.push_back(Must(NodeSystemImpl::CreateDerived(chain.back())));
   }
   const NodeSystemImpl& top = *chain.back();
   EXPECT_FALSE(top.FindByPath(P("a")) || top.FindByPath(P("a<x")));

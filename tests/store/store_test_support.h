@@ -9,13 +9,14 @@
 #include <string_view>
 #include <vector>
 
+#include "must.h"
 #include "orvix/graph/node_path.h"
 #include "store/node_system_impl.h"
 
 namespace orvix::nodes::test {
 
 inline NodePath P(std::string_view text) {
-  return NodePath::Parse(text).Value();
+  return Must(NodePath::Parse(text));
 }
 inline InternedId Id(std::string_view text) {
   return InternedId::Get(text);
@@ -25,7 +26,7 @@ std::string Message(const Result<T>& r) {
   return r ? std::string("(ok)") : r.GetError().GetMessage();
 }
 inline Ref<NodeSystemImpl> Empty() {
-  return NodeSystemImpl::CreateEmpty().Value();
+  return Must(NodeSystemImpl::CreateEmpty());
 }
 // A copy of `source` that shares its map.
 inline Ref<NodeSystemImpl> Copy(const NodeSystemImpl& source) {
@@ -37,9 +38,9 @@ inline Ref<NodeSystemImpl> Copy(const NodeSystemImpl& source) {
 // The record of the parent of `path`, fetched for writing.
 inline NodeInfo* MutableParent(NodeSystemImpl& system, const NodePath& path) {
   GNode parent =
-      system.MakeHandle(path.Slice(0, NodePath::SliceCount(int64_t(path.GetCount()) - 1)).Value());
+      system.MakeHandle(Must(path.Slice(0, NodePath::SliceCount(int64_t(path.GetCount()) - 1))));
   EXPECT_TRUE(parent.IsPopulated()) << path.ToString();
-  return system.GetMutable(parent, NODE_KIND::NONE).Value();
+  return Must(system.GetMutable(parent, NODE_KIND::NONE));
 }
 
 // Adds the element `text` below its existing parent: an ADDED child record in
@@ -73,7 +74,7 @@ inline Strings Children(const NodeSystemImpl& system, std::string_view text) {
 inline void Remove(NodeSystemImpl& system, std::string_view text, bool top = true) {
   const NodePath path = P(text);
   for (const std::string& id : Children(system, text)) {
-    Remove(system, path.Append(Id(id)).Value().ToString(), false);
+    Remove(system, Must(path.Append(Id(id))).ToString(), false);
   }
   EXPECT_TRUE(system.RemoveEntry(path));
   if (!top) return;

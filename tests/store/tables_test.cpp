@@ -161,8 +161,8 @@ TEST(ConnectionTable, RandomEditsOfSmallTablesAgreeWithAMap) {
 }
 
 TEST(NodeMap, ADeepChainOfLayersIsReleasedWithoutRecursion) {
-  Ref<NodeMap> map = NodeMap::Create(nullptr).Value();
-  for (int i = 0; i < 100000; ++i) map = NodeMap::Create(map).Value();
+  Ref<NodeMap> map = Must(NodeMap::Create(nullptr));
+  for (int i = 0; i < 100000; ++i) map = Must(NodeMap::Create(map));
   EXPECT_EQ(map->GetDepth(), 100000u);
   map.Reset();  // would overflow the stack if each layer released the next recursively
 }

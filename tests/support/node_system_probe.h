@@ -9,6 +9,7 @@
 
 #include <cstdint>
 
+#include "must.h"
 #include "orvix/host/ref.h"
 #include "store/node_system_impl.h"
 
@@ -57,7 +58,7 @@ class NodeSystemTestProbe {
   // The loop tables, made if missing, for a test that plants loop records or
   // induced dependencies the way attribute validation would build them.
   static LoopTables& LoopTablesForWriting(NodeSystemImpl& system) {
-    return *system._WritableLoopTables().Value();
+    return *Must(system._WritableLoopTables());
   }
 };
 

@@ -149,7 +149,7 @@ TEST_F(Driver, AContextParameterOutputWithNewTargetsIsMarkedForAttributes) {
   // The inherited pass looks at ports with bits of its own mask.
   Mark(*s, "a>o", MODIFIED_PV_TARGETS | MODIFIED_PV_SOURCES);
   GNode h = s->MakeHandle(P("a>o"));
-  s->GetMutable(h, NODE_KIND::OUTPORT).Value()->flags |= CONTEXT_PARAMETER_PORT;
+  Must(s->GetMutable(h, NODE_KIND::OUTPORT))->flags |= CONTEXT_PARAMETER_PORT;
   ASSERT_TRUE(s->ValidatePorts(nullptr));
   EXPECT_TRUE(HasAll(ModifiedOf(*s, "a>o"), MODIFIED_ATTRIBUTES));
 }
@@ -159,7 +159,7 @@ TEST_F(Driver, GarbageIsSkippedByTheStagesAndFreedAtTheEnd) {
   Mark(*s, "c<i", MODIFIED_PV_SOURCES);
   ASSERT_TRUE(s->RemoveEntry(P("c<i")));
   GNode c = s->MakeHandle(P("c"));
-  s->GetMutable(c, NODE_KIND::NODE).Value()->children.Erase(InternedId::Get("c"));
+  Must(s->GetMutable(c, NODE_KIND::NODE))->children.Erase(InternedId::Get("c"));
   ASSERT_TRUE(s->EndModification(nullptr, FINALIZE_FLAGS::CLEANUP));
   EXPECT_EQ(inherited, Strings{"b<i"});
   EXPECT_EQ(NodeSystemTestProbe::Validation(*s)._firstModified, g_modifiedListEnd);

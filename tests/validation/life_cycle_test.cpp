@@ -55,7 +55,7 @@ TEST(LifeCycle, MessagesOfMisuse) {
       "Illegal argument: Condition !IsInitialized() && !_mutable && cls not fulfilled. ";
   EXPECT_EQ(Message(MakeRef<NodeSystemImpl>()->Init(nullptr)), init);
   Ref<NodeSystemImpl> s = NewSystem();
-  EXPECT_EQ(Message(s->Init(CreateDefaultNodeSystemClass().Value())), init);
+  EXPECT_EQ(Message(s->Init(Must(CreateDefaultNodeSystemClass()))), init);
   EXPECT_EQ(Message(s->CheckModification(true)), outside);
   EXPECT_EQ(Message(s->EndModification(nullptr, FINALIZE_FLAGS::CLEANUP)), notMutable);
   ASSERT_TRUE(s->BeginModification());
@@ -104,9 +104,9 @@ TEST(LifeCycle, ASharedSystemIsRefusedByTheImplementationAndCopiedByThePublicEnt
 // and leaves the MutableRoot empty, so that the next begin edits in place; a
 // failed end leaves it there, still open, for the caller to repair.
 TEST(LifeCycle, AnEndHandsTheSystemOverAndAFailedEndKeepsItOpen) {
-  MutableRoot root = CreateDefaultNodeSystemClass().Value()->CreateNodeSystem().Value();
+  MutableRoot root = Must(Must(CreateDefaultNodeSystemClass())->CreateNodeSystem());
   NodeSystem& s = *root._system;
-  const GNode inputs = s.GetPortList(root._root, PORT_DIR::INPUT).Value();
+  const GNode inputs = Must(s.GetPortList(root._root, PORT_DIR::INPUT));
   ASSERT_TRUE(s.AddPort(inputs, "a", GNODE_FLAGS::NONE, nullptr));
   EXPECT_FALSE(s.IsValidated());
   EXPECT_EQ(Message(root.EndModification(nullptr, FINALIZE_FLAGS::NONE)),
@@ -119,14 +119,14 @@ TEST(LifeCycle, AnEndHandsTheSystemOverAndAFailedEndKeepsItOpen) {
 
   Result<Ref<NodeSystem>> ended = root.EndModification(nullptr, FINALIZE_FLAGS::NONE);
   ASSERT_TRUE(ended) << Message(ended);
-  Ref<NodeSystem> system = std::move(ended).Value();
+  Ref<NodeSystem> system = Must(std::move(ended));
   EXPECT_EQ(system.Get(), &s);
   EXPECT_FALSE(root._system || root._root);
   EXPECT_TRUE(system->HasSingleOwner());
   EXPECT_TRUE(system->FindByPath(P("<a")) && system->FindByPath(P("<b")));
   EXPECT_EQ(Message(root.EndModification(nullptr, FINALIZE_FLAGS::CLEANUP)),
             "Illegal state: Condition _system not fulfilled. ");
-  MutableRoot again = BeginModification(system).Value();
+  MutableRoot again = Must(BeginModification(system));
   EXPECT_EQ(again._system.Get(), &s);
 }
 

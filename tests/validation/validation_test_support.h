@@ -9,6 +9,7 @@
 #include <string_view>
 #include <vector>
 
+#include "must.h"
 #include "node_system_probe.h"
 #include "orvix/graph/node_path.h"
 #include "orvix/nodes/modified_bits_probe.h"
@@ -24,7 +25,7 @@ using enum GNODE_FLAGS_IMPL;
 using Strings = std::vector<std::string>;
 
 inline NodePath P(std::string_view text) {
-  return NodePath::Parse(text).Value();
+  return Must(NodePath::Parse(text));
 }
 template <typename T>
 std::string Message(const Result<T>& r) {
@@ -35,7 +36,7 @@ std::string Message(const Result<T>& r) {
 inline Ref<NodeSystemImpl> NewSystem(const ValidationStages* stages = nullptr) {
   Ref<NodeSystemImpl> system = MakeRef<NodeSystemImpl>();
   NodeSystemTestProbe::InstallStages(*system, stages);
-  EXPECT_TRUE(system->Init(CreateDefaultNodeSystemClass().Value()));
+  EXPECT_TRUE(system->Init(Must(CreateDefaultNodeSystemClass())));
   return system;
 }
 
@@ -44,8 +45,8 @@ inline Ref<NodeSystemImpl> NewSystem(const ValidationStages* stages = nullptr) {
 inline void Add(NodeSystemImpl& system, std::initializer_list<std::string_view> paths) {
   for (std::string_view text : paths) {
     const NodePath path = P(text);
-    GNode parent = system.MakeHandle(
-        path.Slice(0, NodePath::SliceCount(int64_t(path.GetCount()) - 1)).Value());
+    GNode parent =
+        system.MakeHandle(Must(path.Slice(0, NodePath::SliceCount(int64_t(path.GetCount()) - 1))));
     Result<GNode> child =
         system.AddChildRecord(parent, path.GetKindRaw(), path.GetLastPart(), GNode(), GFI::NONE);
     ASSERT_TRUE(child) << text << ": " << Message(child);
@@ -66,7 +67,7 @@ inline void Connect(NodeSystemImpl& system, std::string_view source, std::string
   GNode ends[] = {system.MakeHandle(P(source)), system.MakeHandle(P(target))};
   const ConnectionData data{Wires(0x3f), nullptr};
   for (int i = 0; i < 2; ++i) {
-    NodeInfo* info = system.GetMutable(ends[i], NODE_KIND::NONE).Value();
+    NodeInfo* info = Must(system.GetMutable(ends[i], NODE_KIND::NONE));
     EXPECT_TRUE(NodeSystemImpl::ConnectionTableOf(info)->Set(
         ConnectionKey::Make(ends[1 - i].path, CONNECTION_TYPE::NORMAL,
                             i ? CONNECTION_DIRECTION::SOURCE : CONNECTION_DIRECTION::TARGET),
@@ -86,7 +87,7 @@ inline Strings Listed(const NodeInfo* first) {
   return paths;
 }
 inline GFI ModifiedOf(const NodeSystem& system, std::string_view path) {
-  return ProbeModifiedBits(system, system.FindByPath(P(path))).Value();
+  return Must(ProbeModifiedBits(system, system.FindByPath(P(path))));
 }
 
 }  // namespace orvix::nodes::test
