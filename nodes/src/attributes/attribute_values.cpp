@@ -339,9 +339,7 @@ Result<GNode> NodeSystemImpl::_BeginWrite(const GNode& node, InternedId id) {
 }
 
 Result<void> NodeSystemImpl::NoteValueChanged(GNode& node, InternedId id, ATTRIBUTE_FLAGS flags,
-                                              const DerivedAttribute* derived, NodeInfo* info,
-                                              AttributeRecord* attribute) {
-  static_cast<void>(derived);
+                                              NodeInfo* info, AttributeRecord* attribute) {
   ORVIX_TRY(_ApplyWriteRule(node, id));
   const bool meta = HasAny(flags, ATTRIBUTE_FLAGS::META);
   (meta ? _stamps._metaAttributeStamp : _stamps._attributeStamp) = _stamps._modificationStamp;
@@ -458,7 +456,7 @@ Result<bool> NodeSystemImpl::SetValue(const GNode& node, InternedId id, Data val
   // the record again, or make it again.
   ORVIX_TRY_ASSIGN(attribute, _RefindRecord(info, id, flags));
   attribute->value = std::move(value);
-  if (direct) ORVIX_TRY(NoteValueChanged(handle, id, flags, derived.Get(), info, attribute));
+  if (direct) ORVIX_TRY(NoteValueChanged(handle, id, flags, info, attribute));
   return true;
 }
 
@@ -479,7 +477,6 @@ Result<void> NodeSystemImpl::TouchValue(const GNode& node, InternedId id, Change
   }
   // The value may live in a record that GetMutable replaces: copy it first.
   Data copy = *value;
-  const Ref<DerivedAttribute> derived = _DerivedAttribute(id);
   const ATTRIBUTE_FLAGS flags = _AttributeFlags(id);
   ORVIX_TRY_ASSIGN(NodeInfo * info, GetMutable(handle, NODE_KIND::NONE));
   AttributeRecord* attribute = FindOwn(info, id);
@@ -488,7 +485,7 @@ Result<void> NodeSystemImpl::TouchValue(const GNode& node, InternedId id, Change
     ORVIX_TRY_ASSIGN(attribute, _RefindRecord(info, id, flags));
     attribute->value = std::move(copy);
   }
-  return NoteValueChanged(handle, id, flags, derived.Get(), info, attribute);
+  return NoteValueChanged(handle, id, flags, info, attribute);
 }
 
 Result<bool> NodeSystemImpl::ResetValue(const GNode& node, InternedId id, ChangeList* changeList) {
@@ -504,7 +501,7 @@ Result<bool> NodeSystemImpl::ResetValue(const GNode& node, InternedId id, Change
   ORVIX_TRY(_TellClass(handle, id, flags, Data(), old));
   if (changeList && derived) return ChangeListWithDerived();
   info->attributes->records.Erase(id);
-  ORVIX_TRY(NoteValueChanged(handle, id, flags, derived.Get(), info, nullptr));
+  ORVIX_TRY(NoteValueChanged(handle, id, flags, info, nullptr));
   return true;
 }
 
@@ -549,7 +546,7 @@ Result<bool> NodeSystemImpl::EraseValue(const GNode& node, InternedId id, Change
   }
   ORVIX_TRY_ASSIGN(attribute, _RefindRecord(info, id, flags));
   attribute->value = Data();
-  ORVIX_TRY(NoteValueChanged(handle, id, flags, derived.Get(), info, attribute));
+  ORVIX_TRY(NoteValueChanged(handle, id, flags, info, attribute));
   return true;
 }
 
@@ -578,7 +575,7 @@ Result<void> NodeSystemImpl::SetSubData(const GNode& node, InternedId id,
     if (_attributes._attribSetup) attribute->stamp = _stamps._modificationStamp;
     return Ok();
   }
-  return NoteValueChanged(handle, id, flags, derived.Get(), info, attribute);
+  return NoteValueChanged(handle, id, flags, info, attribute);
 }
 
 }  // namespace orvix::nodes

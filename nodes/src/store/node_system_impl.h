@@ -141,8 +141,7 @@ class NodeSystemImpl final : public NodeSystem {
                                     InternedId id, bool includeErased, ValueHolder* holder);
   // The book-keeping of a write: stamps, and the marks that make validation
   // follow the change. `attribute` is null if the record is gone.
-  Result<void> NoteValueChanged(GNode& node, InternedId id, ATTRIBUTE_FLAGS flags,
-                                const DerivedAttribute* derived, NodeInfo* info,
+  Result<void> NoteValueChanged(GNode& node, InternedId id, ATTRIBUTE_FLAGS flags, NodeInfo* info,
                                 AttributeRecord* attribute);
 
   // --- Connection queries (store/connection_queries.cpp).
