@@ -1,11 +1,13 @@
 #pragma once
-// NodeSystemImpl: the implementation of NodeSystem. This header holds the
-// store's part: the members, the lookup of records through layers, nested
-// systems and bases, handle revalidation, fetching records for writing, the
-// child walk, the modified-list storage and the stamps.
+// NodeSystemImpl: the implementation of NodeSystem. Its operations are
+// declared here and defined in the files of the areas they belong to (named at
+// each section); the store's part is the lookup of records through layers,
+// nested systems and bases, handle revalidation, fetching records for
+// writing, the child walk and the stamps.
 //
-// The state is open to the model's own code (validation, edits, transfer),
-// which works on it directly; clients see only NodeSystem.
+// The state is private, in groups by owner (system_state.h). Members use it
+// directly; other code of an area goes through that area's access type, tests
+// through NodeSystemTestProbe. Clients see only NodeSystem.
 //
 // A system that is not being modified is immutable and may be read from many
 // threads. The writers below assume the caller is the single owner of the
