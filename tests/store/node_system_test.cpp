@@ -34,6 +34,11 @@ TEST(NodeSystemStore, CopiesDerivedSystemsAndCompactionsCheckTheirSource) {
             "!src._attribSetup && !src._portValidation && !src._instantiation not fulfilled. ");
   EXPECT_FALSE(target->IsInitialized());
   system->ClearModified(GFI::MODIFIED_MASK);
+  // Derived systems point into the base's records, so the base must be closed.
+  ASSERT_TRUE(system->BeginModification());
+  EXPECT_EQ(Message(NodeSystemImpl::CreateDerived(system)),
+            "Illegal state: Condition base->IsFinalized() && !base->_mutable not fulfilled. ");
+  ASSERT_TRUE(system->EndModification(nullptr, FINALIZE_FLAGS::CLEANUP));
 
   // A record with modified bits (the system word says nothing) is copied
   // neither up into a copy's layer nor flat by a compaction.
