@@ -25,17 +25,6 @@ int64_t g_portSteps = 0;
 const ValidationStages& BenchStages() {
   static const ValidationStages stages = [] {
     ValidationStages s;
-    s.validateTopology = [](NodeSystemImpl& system) -> Result<void> {
-      ORVIX_TRY_ASSIGN(Ref<TopologyData> topology, NewRef<TopologyData>());
-      for (int64_t i = 0;; ++i) {
-        const NodePath in = Path(Name("n", i, "<in"));
-        if (!system.FindByPath(in)) break;
-        topology->_portIndices[in] = topology->_indexCount++;
-        topology->_portIndices[Path(Name("n", i, ">out"))] = topology->_indexCount++;
-      }
-      NodeSystemTestProbe::SetTopology(system, std::move(topology));
-      return Ok();
-    };
     s.validatePort = [](NodeSystemImpl&, GNode&, GNODE_FLAGS_IMPL) -> Result<void> {
       ++g_portSteps;
       return Ok();

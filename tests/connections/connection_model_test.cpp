@@ -445,6 +445,34 @@ std::vector<Report> Actual(const NodeSystemImpl& s, const NodePath& port, uint64
   return out;
 }
 
+// Random wires may close loops through ports, which validation refuses (the
+// operators pass inputs to outputs). Each loop found loses every wire among
+// its ports, through the world so that the model follows, until the system
+// sorts.
+void BreakLoops(World& w, NodeSystemImpl& s) {
+  constexpr uint64_t REMOVE_ALL = 0x3e3e3e3e3e3e3e3eULL;
+  const std::string prefix = "The ports [", suffix = "] form a cycle.";
+  for (int round = 0; round < 50; ++round) {
+    const Result<void> sorted = s.ValidateTopology();
+    if (sorted) return;
+    const std::string text = Message(sorted);
+    ASSERT_EQ(text.rfind(prefix, 0), 0u) << text;
+    std::set<NodePath> loop;
+    std::stringstream list(text.substr(prefix.size(), text.size() - prefix.size() - suffix.size()));
+    for (std::string port; std::getline(list, port, ',');) {
+      loop.insert(P(port.substr(port.find_first_not_of(' '))));
+    }
+    auto top = [](const NodePath& p) { return Must(p.GetTopLevelPort()); };
+    const std::set<std::pair<NodePath, NodePath>> pairs = w.wired;
+    for (const auto& [from, to] : pairs) {
+      if (loop.count(top(from)) && loop.count(top(to)) && s.FindByPath(from) && s.FindByPath(to)) {
+        w.Connect(from, to, REMOVE_ALL);
+      }
+    }
+  }
+  FAIL() << "loops left after 50 rounds";
+}
+
 void Check(World& w, const NodeSystemImpl& s, const Model& m, const std::string& name) {
   SCOPED_TRACE(name);
   EXPECT_EQ(Message(s.CheckConnectionConsistency()), "(ok)");
@@ -548,6 +576,7 @@ TEST_P(RandomGraphs, QueriesMatchTheModel) {
       w.AddNode("n3", adder, adderModel);
     }
     for (int i = 0; i < edits && !HasFatalFailure(); ++i) w.RandomEdit();
+    BreakLoops(w, *s);
     Finish(*s);
     Check(w, *s, *w.model, name);
     lineage.emplace_back(s, w.model);

@@ -70,12 +70,14 @@ struct OperatorShape {
   std::vector<std::tuple<std::string_view, std::string_view, uint64_t>> wires;
 };
 
-// Inputs a (with x, y) and b, output sum (with x); b passes to sum, a/x to
-// sum/x on channels 0 and 1, and sum feeds back into a on channel 3.
+// Inputs a (with x, y), b and c, output sum (with x); b passes to sum, a/x
+// to sum/x on channels 0 and 1, and sum feeds back into c on channel 3. The
+// feedback goes into an input that reaches no output: into a it would close
+// a loop through ports, which validation refuses.
 inline const OperatorShape& Adder() {
   static const OperatorShape shape{
-      {"<a", "<a/x", "<a/y", "<b", ">sum", ">sum/x"},
-      {{"<b", ">sum", 0x10}, {"<a/x", ">sum/x", 0x0808}, {">sum", "<a", 0x10000000}}};
+      {"<a", "<a/x", "<a/y", "<b", "<c", ">sum", ">sum/x"},
+      {{"<b", ">sum", 0x10}, {"<a/x", ">sum/x", 0x0808}, {">sum", "<c", 0x10000000}}};
   return shape;
 }
 

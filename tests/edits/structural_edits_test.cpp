@@ -269,12 +269,17 @@ TEST(StructuralEdits, BaseWiresAtNestedPortsHideNoImplicitWireAndMissNoEnd) {
 // which reports an end once, so an end wired both ways got one mark; none
 // when the first entry was a derived system's hiding a base's wire.
 TEST(StructuralEdits, AnEndWiredBothWaysToARemovedPortIsMarkedForBoth) {
-  MutableRoot b = Open(MakeGraph());
-  ASSERT_TRUE(ConnectAt(Impl(b), ">s", "<r", 0x10));
-  ASSERT_TRUE(ConnectAt(Impl(b), "<r", ">s", 0x10));
-  MutableRoot root = Open(Finish(b));
+  // A pair wired both ways is a loop through ports, which validation refuses:
+  // the removal comes in the modification that made the pair, after the
+  // marks of the wiring are cleared as a validation would clear them.
+  MutableRoot root = Open(MakeGraph());
+  ASSERT_TRUE(ConnectAt(Impl(root), ">s", "<r", 0x10));
+  ASSERT_TRUE(ConnectAt(Impl(root), "<r", ">s", 0x10));
+  Impl(root).ClearModified(GFI::MODIFIED_SOURCES | GFI::MODIFIED_TARGETS);
+  ASSERT_FALSE(HasAny(MarksAt(*root._system, ">s"), GFI::MODIFIED_SOURCES | GFI::MODIFIED_TARGETS));
   ASSERT_TRUE(RemoveAt(Impl(root), "<r"));
   EXPECT_TRUE(HasAll(MarksAt(*root._system, ">s"), GFI::MODIFIED_SOURCES | GFI::MODIFIED_TARGETS));
+  EXPECT_TRUE(root._system->Validate(nullptr));
 }
 
 // Regression: a removal in a derived system took the base's wires without

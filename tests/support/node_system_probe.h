@@ -32,10 +32,6 @@ class NodeSystemTestProbe {
   static void InstallStages(NodeSystemImpl& system, const ValidationStages* stages) {
     system._validation._stages = stages;
   }
-  // What topology validation leaves: a new order.
-  static void SetTopology(NodeSystemImpl& system, Ref<TopologyData> topology) {
-    system._validation._topology = std::move(topology);
-  }
   // What attribute validation holds while it runs: its setup (null when it
   // ends) and the mask of its running stage.
   static void SetAttributeSetup(NodeSystemImpl& system, AttributeSetup* setup) {

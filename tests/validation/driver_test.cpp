@@ -9,22 +9,14 @@
 namespace orvix::nodes::test {
 namespace {
 
-// A chain a>o -> b<i, b>o -> c<i with the ports in topological order. Every
+// A chain a>o -> b<i, b>o -> c<i of nodes without bases, whose ports are
+// sorted one by one; b's inner wire b<i -> b>o puts b<i before b>o. Every
 // step of the end is logged (a run of steps of one stage as one entry), the
 // step named by `failing` fails, and the port stage records its steps and
 // marks what `onStep` asks of a step ("b<i-": synthesized, "b<i+": inherited).
 class Driver : public ::testing::Test {
  protected:
   void SetUp() override {
-    stages.validateTopology = [this](NodeSystemImpl& sys) -> Result<void> {
-      ORVIX_TRY(Step("topology"));
-      ORVIX_TRY_ASSIGN(Ref<TopologyData> topology, NewRef<TopologyData>());
-      for (const char* port : {"a>o", "b<i", "b>o", "c<i"}) {
-        topology->_portIndices[P(port)] = topology->_indexCount++;
-      }
-      NodeSystemTestProbe::SetTopology(sys, std::move(topology));
-      return Ok();
-    };
     stages.validatePort = [this](NodeSystemImpl& sys, GNode& port, GFI direction) {
       const bool inheriting = direction == DERIVED_PORT_INHERITED;
       const std::string name = port.path.ToString();
@@ -40,8 +32,9 @@ class Driver : public ::testing::Test {
     };
     s = NewSystem(&stages);
     ASSERT_TRUE(s->BeginModification());
-    Add(*s, {"a", "a>o", "b", "b<i", "b>o", "c", "c<i"});
+    Add(*s, {"a", "a>", "a>o", "b", "b<", "b<i", "b>", "b>o", "c", "c<", "c<i"});
     Connect(*s, "a>o", "b<i");
+    Connect(*s, "b<i", "b>o");
     Connect(*s, "b>o", "c<i");
     ASSERT_TRUE(s->EndModification(nullptr, FINALIZE_FLAGS::CLEANUP));
     // The end validated all seven adds; the passes ran in order.
@@ -75,11 +68,8 @@ TEST_F(Driver, TheEndRunsItsStepsInOrderAndAFailedOneAgainAtTheNextEnd) {
     GFI kept;
     Strings log;
   } rows[] = {
-      {"topology", bits, {"topology", "|", "topology", "port", "attributes"}},
-      {"port",
-       MODIFIED_PV_CHILDREN | MODIFIED_AV_ATTRIBUTES,
-       {"topology", "port", "|", "port", "attributes"}},
-      {"attributes", MODIFIED_AV_ATTRIBUTES, {"topology", "port", "attributes", "|", "attributes"}},
+      {"port", MODIFIED_PV_CHILDREN | MODIFIED_AV_ATTRIBUTES, {"port", "|", "port", "attributes"}},
+      {"attributes", MODIFIED_AV_ATTRIBUTES, {"port", "attributes", "|", "attributes"}},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.failing);
@@ -98,6 +88,22 @@ TEST_F(Driver, TheEndRunsItsStepsInOrderAndAFailedOneAgainAtTheNextEnd) {
     log.clear();
     ASSERT_TRUE(s->BeginModification());
   }
+}
+
+// A loop through ports fails the topology stage: the later stages don't
+// run, the topology bits stay, and the next end sorts again.
+TEST_F(Driver, ALoopThroughPortsStopsTheEndBeforeThePortStage) {
+  Add(*s, {"<r", ">s"});
+  Connect(*s, "<r", ">s");
+  Connect(*s, ">s", "<r");
+  EXPECT_EQ(Message(s->EndModification(nullptr, FINALIZE_FLAGS::CLEANUP)),
+            "The ports [>s, <r] form a cycle.");
+  EXPECT_TRUE(NodeSystemTestProbe::IsMutable(*s));
+  EXPECT_TRUE(HasAll(NodeSystemTestProbe::Validation(*s)._systemFlags, MODIFIED_TOPOLOGY));
+  EXPECT_EQ(log, Strings{});
+  ASSERT_TRUE(s->Remove(s->FindByPath(P(">s")), nullptr));
+  ASSERT_TRUE(s->EndModification(nullptr, FINALIZE_FLAGS::CLEANUP));
+  EXPECT_EQ(log, (Strings{"port", "attributes"}));
 }
 
 TEST_F(Driver, LateQueueEntriesRunRightAfterTheCurrentPort) {
@@ -128,7 +134,8 @@ TEST_F(Driver, LateQueueEntriesRunRightAfterTheCurrentPort) {
 TEST_F(Driver, NewChildrenSpreadAgainstTheSweepOnlyWhenTheBitIsNew) {
   Mark(*s, "c<i", MODIFIED_PV_CHILDREN);
   // In the synthesized pass a step that gives b<i new children would reach
-  // a>o; b>o isn't wired to b<i (that is inside b), so nothing reaches them.
+  // a>o, against the sweep; b>o is a target of b<i, not a source, so it isn't
+  // reached.
   onStep["b<i-"] = {"b<i", MODIFIED_PV_CHILDREN};
   ASSERT_TRUE(s->ValidatePorts(nullptr));
   EXPECT_EQ(synthesized, (Strings{"c<i", "b>o"}));
@@ -185,14 +192,14 @@ TEST_F(Driver, NewAttributeBitsQueueTheNeighboursAndTheOtherDirection) {
   NodeSystemTestProbe::SetValidationMask(*s, ToBits(MODIFIED_AV_ALL));
   Mark(*s, "b<i", MODIFIED_AV_ATTRIBUTES);
   Mark(*s, "b<i", MODIFIED_AV_ATTRIBUTES | MODIFIED_SAV_ATTRIBUTES);  // nothing new in the mask
-  EXPECT_EQ(drain(inherited), Strings{"b<i"});                        // b<i has no targets
+  EXPECT_EQ(drain(inherited), (Strings{"b<i", "b>o"}));               // b<i and its target
   EXPECT_EQ(drain(synthesized), Strings{"a>o"});
   // With induced dependencies in the mask every touch counts, even one that adds no bit.
   ValidationQueue inducedInherited(*s, false, count), inducedSynthesized(*s, true, count);
   setup = {&inducedInherited, &inducedSynthesized, DERIVATION_DIRECTION::NONE};
   NodeSystemTestProbe::SetValidationMask(*s, ToBits(MODIFIED_SAV_ALL | INDUCED_DEPENDENCIES));
   Mark(*s, "b<i", MODIFIED_SAV_ATTRIBUTES);
-  EXPECT_EQ(drain(inducedInherited), Strings{});
+  EXPECT_EQ(drain(inducedInherited), Strings{"b>o"});
   EXPECT_EQ(drain(inducedSynthesized), Strings{"a>o"});
   NodeSystemTestProbe::SetAttributeSetup(*s, nullptr);
 }

@@ -236,8 +236,9 @@ Result<GNode> NodeSystemImpl::AddNode(InternedId id, Ref<NodeSystem> system,
         ERROR_CLASS::ILLEGAL_ARGUMENT,
         FormatMessage("Node system to add has node system class @, expected @.", given, expected));
   }
-  // The topological results of the content are computed once topology
-  // validation is installed; a content without them has nothing to finish.
+  // Sorts that enter the node closed read which of its inputs reach which
+  // outputs; the content works that out once, for all nodes made on it.
+  ORVIX_TRY(content->BuildPortDependencyMap());
 
   GNode root = GetRoot();
   const GNode contentRoot = content->GetRoot();

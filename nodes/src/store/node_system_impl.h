@@ -205,6 +205,13 @@ class NodeSystemImpl final : public NodeSystem {
 
   // --- The validation driver (validation/validation_driver.cpp).
 
+  // Builds the port dependency map of the order, if it isn't built yet: for
+  // each input of the root, the outputs of the root that it influences. It
+  // runs once per order, on the system at the end of the chain of bases that
+  // share it, under the order's lock: several threads may make nodes on one
+  // base at a time (validation/topology_queries.cpp).
+  Result<void> BuildPortDependencyMap() const;
+
   // Spreads new work of `port` to its neighbours while a port pass or
   // attribute validation runs; does nothing otherwise. `oldFlags` are the
   // port's flags before the change that is being spread.
@@ -362,6 +369,10 @@ class NodeSystemImpl final : public NodeSystem {
   Ref<NodeSystem> GetBase() const override;
   const std::vector<Ref<NodeSystem>>& GetBases() const override { return _store._bases; }
   uint64_t GetModificationStamp() const override { return _stamps._modificationStamp; }
+  // Topology (validation/topology_queries.cpp).
+  Result<int64_t> GetTopologicalIndex(const GNode& port) const override;
+  Result<int64_t> GetTopologicalIndex(const NodePath& path, size_t length) const override;
+  Result<bool> VisitInTopologicalOrder(bool descending, const NodeVisitor& visitor) const override;
   Result<bool> EnumerateChanges(uint64_t stamp, const ChangeCallback& callback) const override;
   MODIFIED GetModifications(uint64_t stamp) const override;
   Result<size_t> GetChildRecordCount(const GNode& node) const override;

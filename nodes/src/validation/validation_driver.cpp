@@ -15,6 +15,7 @@
 #include "orvix/host/diagnostics.h"
 #include "orvix/nodes/config_variables.h"
 #include "store/node_system_impl.h"
+#include "validation/topology.h"
 #include "validation/validation_queue.h"
 #include "validation/validation_stages.h"
 
@@ -72,8 +73,13 @@ Result<void> NodeSystemImpl::ValidateTopology() {
   ORVIX_TRY(CheckModification(true));
   if (!HasAny(_validation._systemFlags, TOPOLOGY_BITS)) return Ok();
   const Clock::time_point start = Clock::now();
-  if (_validation._stages && _validation._stages->validateTopology)
-    ORVIX_TRY(_validation._stages->validateTopology(*this));
+  // Copies share the order until one of them sorts again.
+  if (!_validation._topology || _validation._topology->GetReferenceCount() > 1) {
+    ORVIX_TRY_ASSIGN(_validation._topology, NewRef<TopologyData>());
+  }
+  // A loop through ports leaves the bits set, so that the next validation
+  // sorts again; the incomplete order stays for the queries meanwhile.
+  ORVIX_TRY(SortTopology(*this, *_validation._topology));
   ClearModified(TOPOLOGY_BITS);
   ShowTime("Time for topology validation: @", start);
   return Ok();

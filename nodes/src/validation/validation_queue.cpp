@@ -21,13 +21,16 @@ Result<void> ValidationQueue::Put(const GNode& port) {
     top = _system->MakeResolvedHandle(topPath);
   }
   const TopologyData* topology = ValidationAccess::State(*_system)._topology.Get();
-  const std::optional<uint32_t> index = topology ? topology->GetIndex(top.path) : std::nullopt;
-  if (!top || !index || *index >= topology->GetIndexCount()) {
+  int64_t index = NO_TOPOLOGICAL_INDEX;
+  if (top && topology) {
+    ORVIX_TRY_ASSIGN(index, _system->GetTopologicalIndex(top.path, top.path.GetCount()));
+  }
+  if (index < 0 || uint64_t(index) >= topology->GetIndexCount()) {
     // Every top-level port of a validated topology has an index.
     ReportInternalError();
     return ConditionError(CONDITION_KIND::ASSERTION, "_topology->GetIndex(port)");
   }
-  return PutAt(*index, top);
+  return PutAt(uint64_t(index), top);
 }
 
 Result<void> ValidationQueue::PutAt(uint64_t index, const GNode& port) {

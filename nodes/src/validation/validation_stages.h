@@ -26,10 +26,6 @@ class ChangeList;
 class ValidationQueue;
 
 struct ValidationStages {
-  // Topology: works out the order of nodes and top-level ports and stores a
-  // new TopologyData in `_topology`. The driver clears the topology bits
-  // after it.
-  std::function<Result<void>(NodeSystemImpl& system)> validateTopology;
   // One step of a port pass: brings `port` up to date in the direction of
   // `direction` (DERIVED_PORT_SYNTHESIZED in the first pass,
   // DERIVED_PORT_INHERITED in the second). The driver runs the passes, queues

@@ -6,6 +6,7 @@
 #include <string>
 #include <string_view>
 #include <type_traits>
+#include <vector>
 
 #include <fmt/format.h>
 
@@ -18,28 +19,48 @@ concept HasToStringMember = requires(const T& v) {
   { v.ToString() } -> std::convertible_to<std::string_view>;
 };
 
-inline void AppendText(std::string& out, std::string_view s) { out.append(s); }
-inline void AppendText(std::string& out, const std::string& s) { out.append(s); }
-inline void AppendText(std::string& out, const char* s) { out.append(s ? s : "(null)"); }
-inline void AppendText(std::string& out, char c) { out.push_back(c); }
-inline void AppendText(std::string& out, bool b) { out.append(b ? "true" : "false"); }
+inline void AppendText(std::string& out, std::string_view s) {
+  out.append(s);
+}
+inline void AppendText(std::string& out, const std::string& s) {
+  out.append(s);
+}
+inline void AppendText(std::string& out, const char* s) {
+  out.append(s ? s : "(null)");
+}
+inline void AppendText(std::string& out, char c) {
+  out.push_back(c);
+}
+inline void AppendText(std::string& out, bool b) {
+  out.append(b ? "true" : "false");
+}
 
 template <typename T>
-  requires(std::is_integral_v<T> && !std::is_same_v<T, bool> && !std::is_same_v<T, char>)
+requires(std::is_integral_v<T> && !std::is_same_v<T, bool> &&
+         !std::is_same_v<T, char>) void AppendText(std::string& out, T v) {
+  fmt::format_to(std::back_inserter(out), "{}", v);
+}
+
+template <typename T>
+requires std::is_floating_point_v<T>
 void AppendText(std::string& out, T v) {
   fmt::format_to(std::back_inserter(out), "{}", v);
 }
 
 template <typename T>
-  requires std::is_floating_point_v<T>
-void AppendText(std::string& out, T v) {
-  fmt::format_to(std::back_inserter(out), "{}", v);
-}
-
-template <typename T>
-  requires(HasToStringMember<T>)
-void AppendText(std::string& out, const T& v) {
+requires(HasToStringMember<T>) void AppendText(std::string& out, const T& v) {
   out.append(std::string_view(v.ToString()));
+}
+
+// An array in the host's form: "[a, b, c]".
+template <typename T>
+void AppendText(std::string& out, const std::vector<T>& values) {
+  out.push_back('[');
+  for (size_t i = 0; i < values.size(); ++i) {
+    if (i > 0) out.append(", ");
+    AppendText(out, values[i]);
+  }
+  out.push_back(']');
 }
 
 template <typename T>
@@ -50,7 +71,9 @@ std::string ToText(const T& v) {
 }
 
 namespace detail {
-inline void FormatInto(std::string& out, std::string_view pattern) { out.append(pattern); }
+inline void FormatInto(std::string& out, std::string_view pattern) {
+  out.append(pattern);
+}
 
 template <typename First, typename... Rest>
 void FormatInto(std::string& out, std::string_view pattern, const First& first,

@@ -79,6 +79,23 @@ class NodeSystem : public RefCounted {
   // system changed.
   virtual MODIFIED GetModifications(uint64_t stamp) const = 0;
 
+  // 12: the place of `port` in the order of the last topology validation.
+  // Sources come before their targets; a child node owns one contiguous
+  // range of indices, in which its ports keep the order of its base system.
+  // A nested port has the index of its top-level port. A port without a
+  // place (the order is stale, or the port is new) writes the diagnostic
+  // "Stop" and yields NO_TOPOLOGICAL_INDEX.
+  //   "Nullptr node"
+  virtual Result<int64_t> GetTopologicalIndex(const GNode& port) const = 0;
+  // 12: the same for the first `length` parts of `path`.
+  //   "Illegal argument: Condition length <= path.GetCount() not fulfilled. "
+  virtual Result<int64_t> GetTopologicalIndex(const NodePath& path, size_t length) const = 0;
+  // 13: calls `visitor` with every port in topological order (descending
+  // with `descending`), the ports of child nodes included, as handles of
+  // this system. The result is false if the visitor stopped the walk.
+  virtual Result<bool> VisitInTopologicalOrder(bool descending,
+                                               const NodeVisitor& visitor) const = 0;
+
   // 16: where the template came from, as SetTemplate was told; null if the
   // system has no template, or that owner is gone (the system holds it
   // weakly).
@@ -246,8 +263,8 @@ class NodeSystem : public RefCounted {
   // 60: the attribute (`kind`: 0 source end, 1 connection, 2 target end) `id`
   // of the connection from `source` to `target`; empty if it isn't set. The
   // id "net.orvix.node.ionodes" of an end reads "in" or "out" by default.
-  virtual Result<Data> GetConnectionValue(const GNode& source, const GNode& target,
-                                          uint32_t kind, InternedId id) const = 0;
+  virtual Result<Data> GetConnectionValue(const GNode& source, const GNode& target, uint32_t kind,
+                                          InternedId id) const = 0;
   // 61: sets that attribute; an empty value erases it. True if something
   // changed.
   //   "There is no connection from @ to @."
@@ -272,8 +289,8 @@ class NodeSystem : public RefCounted {
   // first so that nearer ones override. Without `includeBases` an element
   // that this system doesn't hold yields nothing; without `keepErased` an
   // erased value takes its id out of the map.
-  virtual Result<void> GetValues(const GNode& node, uint32_t mask, ValueMap& map,
-                                 bool includeBases, bool keepErased) const = 0;
+  virtual Result<void> GetValues(const GNode& node, uint32_t mask, ValueMap& map, bool includeBases,
+                                 bool keepErased) const = 0;
   // 63: the value, or an empty value if there is none.
   virtual Result<const Data*> GetValue(const GNode& node, InternedId id) const = 0;
   // 64: the same, with `prefixCount`: how many leading parts of the path the

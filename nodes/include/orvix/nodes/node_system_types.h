@@ -59,4 +59,8 @@ inline constexpr uint32_t VALUES_DIRECT = 0x1;
 inline constexpr uint32_t VALUES_DERIVED = 0x2;
 inline constexpr uint32_t VALUES_ALL = VALUES_DIRECT | VALUES_DERIVED;
 
+// What GetTopologicalIndex yields for a path that has no place in the order:
+// the lowest 64-bit integer, below every real index.
+inline constexpr int64_t NO_TOPOLOGICAL_INDEX = INT64_MIN;
+
 }  // namespace orvix::nodes
