@@ -60,6 +60,7 @@
 #include <utility>
 #include <vector>
 
+#include "ops_dump.h"
 #include "orvix/graph/connection.h"
 #include "orvix/graph/node_kind.h"
 #include "orvix/graph/node_path.h"
@@ -76,7 +77,6 @@
 #include "orvix/nodes/module.h"
 #include "orvix/nodes/node_system.h"
 #include "orvix/nodes/node_system_class.h"
-#include "ops_dump.h"
 // Derived systems have no published constructor yet (instances come with the
 // base operations); NodeSystemImpl::CreateDerived is the only way to make
 // one, as the edit tests do.
@@ -104,8 +104,8 @@ using fuzz::TakeDump;
 using fuzz::WireEndsDisagree;
 using fuzz::WithoutStamp;
 
-#define FUZZ_CHECK(cond, what)                    \
-  do {                                            \
+#define FUZZ_CHECK(cond, what)                             \
+  do {                                                     \
     if (!(cond)) Fail(std::string(#cond) + ": " + (what)); \
   } while (0)
 
@@ -127,31 +127,29 @@ bool StartsWith(std::string_view s, std::string_view prefix) {
   return s.substr(0, prefix.size()) == prefix;
 }
 
-
 // --- Vocabularies -------------------------------------------------------
 
 // Names of new children.
 constexpr std::array<std::string_view, 16> kIds = {
-    "a",  "b", "c", "n0", "n1", "n2",        "x",   ".h",
-    "#",  "",  "<", ">",  "\xc3\xa9", "a/b", "x\\y", "net.orvix.node.port.nodesystem"};
+    "a", "b", "c", "n0", "n1",       "n2",  "x",    ".h",
+    "#", "",  "<", ">",  "\xc3\xa9", "a/b", "x\\y", "net.orvix.node.port.nodesystem"};
 // Parts of paths made with NodePath::Create.
 constexpr std::array<std::string_view, 16> kParts = {
-    "<", ">", "<", ">", "a", "b", "c", "n0", "n1", "n2", "x", ".h", "#", "\xc3\xa9", "a/b",
-    "net.orvix.node.port.nodesystem"};
+    "<",  ">",  "<", ">",  "a", "b",        "c",   "n0",
+    "n1", "n2", "x", ".h", "#", "\xc3\xa9", "a/b", "net.orvix.node.port.nodesystem"};
 // Pieces of path texts.
-constexpr std::array<std::string_view, 16> kTexts = {
-    "<", ">", "a", "b", "n0", "n1", "/", "#", "\\", "\\<", "\xc3\xa9", "\xff", "", "<a", ">b",
-    "n0<a"};
+constexpr std::array<std::string_view, 16> kTexts = {"<", ">",  "a",  "b",   "n0",       "n1",
+                                                     "/", "#",  "\\", "\\<", "\xc3\xa9", "\xff",
+                                                     "",  "<a", ">b", "n0<a"};
 // Attribute ids; the empty entry stands for the null id.
-constexpr std::array<std::string_view, 8> kAttributes = {
-    "v",
-    "w",
-    "",
-    "isshortcutstop",
-    "net.orvix.node.ionodes",
-    "inheritnestedports",
-    "net.orvix.node.base.updatepolicy",
-    "checkuniquenumber"};
+constexpr std::array<std::string_view, 8> kAttributes = {"v",
+                                                         "w",
+                                                         "",
+                                                         "isshortcutstop",
+                                                         "net.orvix.node.ionodes",
+                                                         "inheritnestedports",
+                                                         "net.orvix.node.base.updatepolicy",
+                                                         "checkuniquenumber"};
 
 // --- Input ----------------------------------------------------------------
 
@@ -239,14 +237,38 @@ enum class Op : uint8_t {
 
 // The low 5 bits of an op byte; the frequent edits have more than one entry.
 constexpr std::array<Op, 32> kOps = {
-    Op::NEW,          Op::NEW,          Op::FINISH,          Op::FINISH_FLAGS,
-    Op::COPY,         Op::DERIVE,       Op::BEGIN_IN_PLACE,  Op::DROP,
-    Op::ADD_PORT,     Op::ADD_PORT,     Op::ADD_CHILD,       Op::REMOVE,
-    Op::RESET_CHILD,  Op::CONNECT,      Op::CONNECT,         Op::SET_CONNECTION_VALUE,
-    Op::SET_VALUE,    Op::SET_VALUE,    Op::ERASE_VALUE,     Op::RESET_VALUE,
-    Op::TOUCH_VALUE,  Op::READ_VALUES,  Op::READ_CONNECTIONS, Op::READ_TREE,
-    Op::FIND,         Op::FIND,         Op::WALK,            Op::VALIDATE,
-    Op::COMPACT,      Op::BEGIN_ON_OBJECT, Op::READ_STAMPS,  Op::ADD_PORT,
+    Op::NEW,
+    Op::NEW,
+    Op::FINISH,
+    Op::FINISH_FLAGS,
+    Op::COPY,
+    Op::DERIVE,
+    Op::BEGIN_IN_PLACE,
+    Op::DROP,
+    Op::ADD_PORT,
+    Op::ADD_PORT,
+    Op::ADD_CHILD,
+    Op::REMOVE,
+    Op::RESET_CHILD,
+    Op::CONNECT,
+    Op::CONNECT,
+    Op::SET_CONNECTION_VALUE,
+    Op::SET_VALUE,
+    Op::SET_VALUE,
+    Op::ERASE_VALUE,
+    Op::RESET_VALUE,
+    Op::TOUCH_VALUE,
+    Op::READ_VALUES,
+    Op::READ_CONNECTIONS,
+    Op::READ_TREE,
+    Op::FIND,
+    Op::FIND,
+    Op::WALK,
+    Op::VALIDATE,
+    Op::COMPACT,
+    Op::BEGIN_ON_OBJECT,
+    Op::READ_STAMPS,
+    Op::ADD_PORT,
 };
 
 class Run {
@@ -406,8 +428,8 @@ class Run {
     FUZZ_CHECK(system->IsFinalized(), std::string("a system ") + how + " is not finalized");
     const std::string disagreement = WireEndsDisagree(dump);
     if (!disagreement.empty()) {
-      Fail(std::string("both ends of a wire of a system ") + how + " must agree: " +
-           disagreement + "\n" + dump.text);
+      Fail(std::string("both ends of a wire of a system ") + how + " must agree: " + disagreement +
+           "\n" + dump.text);
     }
     Drop(slot);
     slot.finished = std::move(system);
@@ -438,8 +460,8 @@ class Run {
     const Dump now = TakeDump(*slot.finished, true);
     if (now.text != slot.finishedDump.text) {
       Fail("a finished system changed at step " + std::to_string(_step) +
-           FirstDifference(slot.finishedDump.text, now.text) + "\nwas:\n" +
-           slot.finishedDump.text + "is:\n" + now.text);
+           FirstDifference(slot.finishedDump.text, now.text) + "\nwas:\n" + slot.finishedDump.text +
+           "is:\n" + now.text);
     }
   }
 
@@ -543,8 +565,7 @@ class Run {
         Slot& slot = PickSlot();
         const GNode node = PickHandle(slot.System());
         Trace(" [%s]", node.ToString().c_str());
-        return Edit<void>(slot, "Remove",
-                          [&](NodeSystem& s) { return s.Remove(node, nullptr); });
+        return Edit<void>(slot, "Remove", [&](NodeSystem& s) { return s.Remove(node, nullptr); });
       }
       case Op::RESET_CHILD: {
         Slot& slot = PickSlot();
@@ -562,9 +583,8 @@ class Run {
         const Wires wires = PickWires();
         Trace(" [%s -> %s %016llx]", source.ToString().c_str(), target.ToString().c_str(),
               static_cast<unsigned long long>(wires.GetValue()));
-        return Edit<void>(slot, "Connect", [&](NodeSystem& s) {
-          return s.Connect(source, target, wires, nullptr);
-        });
+        return Edit<void>(slot, "Connect",
+                          [&](NodeSystem& s) { return s.Connect(source, target, wires, nullptr); });
       }
       case Op::SET_CONNECTION_VALUE: {
         Slot& slot = PickSlot();
@@ -662,8 +682,8 @@ class Run {
     Ref<NodeSystem> system(from.System());
     const bool fromFinished = from.state == Slot::State::FINISHED;
     if (fromFinished) CheckFinished(from);
-    const std::string source = fromFinished ? WithoutStamp(from.finishedDump.text)
-                                            : OpenDump(from).text;
+    const std::string source =
+        fromFinished ? WithoutStamp(from.finishedDump.text) : OpenDump(from).text;
     Result<MutableRoot> root = BeginModification(system, false);
     Trace(" copy of %s: %s", StateName(from.state), Message(root).c_str());
     if (!root) {
@@ -756,11 +776,13 @@ class Run {
     const uint8_t f = _in.Next();
     GNODE_FLAGS flags = GNODE_FLAGS::NONE;
     if (f & 0x80) {
-      constexpr GNODE_FLAGS bits[] = {
-          GNODE_FLAGS::DIRECT_PORT,          GNODE_FLAGS::DERIVED_PORT_INHERITED,
-          GNODE_FLAGS::DERIVED_PORT_SYNTHESIZED, GNODE_FLAGS::CONTEXT_SOURCE,
-          GNODE_FLAGS::TAPPING_PORT,         GNODE_FLAGS::FILTER_SHORTCUT_SOURCE,
-          GNODE_FLAGS::FILTER_SHORTCUT_TARGET};
+      constexpr GNODE_FLAGS bits[] = {GNODE_FLAGS::DIRECT_PORT,
+                                      GNODE_FLAGS::DERIVED_PORT_INHERITED,
+                                      GNODE_FLAGS::DERIVED_PORT_SYNTHESIZED,
+                                      GNODE_FLAGS::CONTEXT_SOURCE,
+                                      GNODE_FLAGS::TAPPING_PORT,
+                                      GNODE_FLAGS::FILTER_SHORTCUT_SOURCE,
+                                      GNODE_FLAGS::FILTER_SHORTCUT_TARGET};
       for (int i = 0; i < 7; ++i) {
         if (f & (1 << i)) flags = flags | bits[i];
       }
@@ -963,10 +985,11 @@ class Run {
     if (!s) return;
     const MODIFIED what = s->GetModifications(stamp);
     size_t calls = 0;
-    const Result<bool> r = s->EnumerateChanges(stamp, [&](const GNode& n, MODIFIED) -> Result<bool> {
-      Keep(n);
-      return ++calls < 16;
-    });
+    const Result<bool> r =
+        s->EnumerateChanges(stamp, [&](const GNode& n, MODIFIED) -> Result<bool> {
+          Keep(n);
+          return ++calls < 16;
+        });
     Trace(" changes since %u: %llx %s", unsigned(stamp), (unsigned long long)what,
           Message(r).c_str());
   }
@@ -1022,7 +1045,31 @@ class Run {
     Trace(" validate %u on %s: %s", how % 3, StateName(slot.state), Message(r).c_str());
     // Validation may derive; what it does is no edit to compare.
     slot.openDump.reset();
+    if (r) CheckOrder(*s);
+    // Any handle may be asked for its index; one without a place gets the
+    // lowest index, not an error or a crash.
+    const GNode any = PickHandle(s);
+    Trace(" index of %s: %s", any.ToString().c_str(), Message(s->GetTopologicalIndex(any)).c_str());
     if (slot.state == Slot::State::FINISHED) CheckFinished(slot);
+  }
+
+  // A sorted system visits its ports in strictly ascending indices, each
+  // with a place.
+  void CheckOrder(const NodeSystem& s) {
+    int64_t last = NO_TOPOLOGICAL_INDEX;
+    std::string fault;
+    const Result<bool> walked =
+        s.VisitInTopologicalOrder(false, [&](const GNode& port) -> Result<bool> {
+          ORVIX_TRY_ASSIGN(const int64_t index, s.GetTopologicalIndex(port));
+          if (index == NO_TOPOLOGICAL_INDEX || index <= last) {
+            fault = port.ToString() + " at " + std::to_string(index);
+            return false;
+          }
+          last = index;
+          return true;
+        });
+    FUZZ_CHECK(walked && fault.empty(),
+               "the order visits ports in ascending indices: " + Message(walked) + " " + fault);
   }
 
   void Compact() {
@@ -1037,8 +1084,8 @@ class Run {
     if (slot.state != Slot::State::OPEN) return;
     slot.openDump.reset();
     const std::string& after = OpenDump(slot).text;
-    FUZZ_CHECK(after == before, "Compact keeps what the system shows" +
-                                    FirstDifference(before, after));
+    FUZZ_CHECK(after == before,
+               "Compact keeps what the system shows" + FirstDifference(before, after));
   }
 
   Ref<NodeSystemClass> _class;

@@ -4,7 +4,7 @@
 set -euo pipefail
 
 packages=(cmake ninja-build g++ libfmt-dev nlohmann-json3-dev libcli11-dev libgtest-dev libgmock-dev
-          libbenchmark-dev librapidcheck-dev libabsl-dev "$@")
+          libbenchmark-dev librapidcheck-dev libabsl-dev libboost-graph-dev "$@")
 
 missing=()
 for p in "${packages[@]}"; do
