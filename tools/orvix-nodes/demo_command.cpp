@@ -20,8 +20,8 @@ using demo::Chapter;
 
 // The chapters, in the order of the road.
 const std::vector<Chapter>& Chapters() {
-  static const std::vector<Chapter> chapters = {demo::START, demo::GRAPH, demo::COPY, demo::BASES,
-                                                demo::PORT};
+  static const std::vector<Chapter> chapters = {demo::START, demo::GRAPH, demo::COPY,
+                                                demo::BASES, demo::PORT,  demo::ORDER};
   return chapters;
 }
 

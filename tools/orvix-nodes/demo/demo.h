@@ -106,6 +106,7 @@ extern const Chapter GRAPH;  // demo/graph.cpp
 extern const Chapter COPY;   // demo/copy.cpp
 extern const Chapter BASES;  // demo/bases.cpp
 extern const Chapter PORT;   // demo/port.cpp
+extern const Chapter ORDER;  // demo/order.cpp
 
 // --- Shared reads (demo/reading.cpp).
 
