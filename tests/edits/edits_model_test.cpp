@@ -13,6 +13,7 @@
 #include <tuple>
 #include <vector>
 
+#include "cycle_message.h"
 #include "edits_test_support.h"
 #include "orvix/host/diagnostics.h"
 
@@ -455,18 +456,11 @@ class Runner {
   // Each loop found loses every wire among its ports, as edits the model
   // follows, until the system sorts.
   void BreakLoops(NodeSystemImpl& s, Model& m) {
-    const std::string prefix = "The ports [", suffix = "] form a cycle.";
     for (int round = 0; round < 50; ++round) {
       const Result<void> sorted = s.ValidateTopology();
       if (sorted) return;
-      const std::string text = Message(sorted);
-      ASSERT_EQ(text.rfind(prefix, 0), 0u) << text;
-      std::set<std::string> loop;
-      std::stringstream list(
-          text.substr(prefix.size(), text.size() - prefix.size() - suffix.size()));
-      for (std::string port; std::getline(list, port, ',');) {
-        loop.insert(port.substr(port.find_first_not_of(' ')));
-      }
+      const std::set<std::string> loop = PortsOfCycleMessage(Message(sorted));
+      ASSERT_FALSE(loop.empty()) << Message(sorted);
       auto top = [](const std::string& p) { return Must(P(p).GetTopLevelPort()).ToString(); };
       for (const auto& [pair, wires] : m.AllEffective()) {
         if (loop.count(top(pair.first)) && loop.count(top(pair.second))) {

@@ -13,6 +13,7 @@
 #include <sstream>
 
 #include "../connections/connection_test_support.h"
+#include "cycle_message.h"
 #include "orvix/nodes/modification.h"
 
 namespace orvix::nodes::test {
@@ -58,18 +59,6 @@ const std::vector<Operator>& Operators() {
                                  {Group(Leaf(straight)), straight}};
   }();
   return ops;
-}
-
-// The ports named in a cycle message.
-std::set<std::string> CyclePorts(const std::string& message) {
-  const std::string prefix = "The ports [", suffix = "] form a cycle.";
-  std::set<std::string> ports;
-  EXPECT_EQ(message.rfind(prefix, 0), 0u) << message;
-  if (message.rfind(prefix, 0) != 0) return ports;
-  std::stringstream list(
-      message.substr(prefix.size(), message.size() - prefix.size() - suffix.size()));
-  for (std::string p; std::getline(list, p, ',');) ports.insert(p.substr(p.find_first_not_of(' ')));
-  return ports;
 }
 
 class Graph {
@@ -209,7 +198,8 @@ void CheckOrder(Graph& g) {
 void CheckRefusal(Graph& g, const std::string& message) {
   const std::vector<std::set<std::string>> loops = g.Loops();
   ASSERT_FALSE(loops.empty()) << message;
-  const std::set<std::string> named = CyclePorts(message);
+  const std::set<std::string> named = PortsOfCycleMessage(message);
+  EXPECT_FALSE(named.empty()) << message;
   std::set<std::string> onLoops;
   for (const auto& loop : loops) onLoops.insert(loop.begin(), loop.end());
   for (const std::string& p : named) {
