@@ -23,14 +23,7 @@
 
 #include <benchmark/benchmark.h>
 
-#if __has_include(<valgrind/callgrind.h>)
-#include <valgrind/callgrind.h>
-#define ORVIX_COLLECT_ON() CALLGRIND_START_INSTRUMENTATION
-#define ORVIX_COLLECT_OFF() CALLGRIND_STOP_INSTRUMENTATION
-#else
-#define ORVIX_COLLECT_ON() ((void)0)
-#define ORVIX_COLLECT_OFF() ((void)0)
-#endif
+#include "peer/callgrind_collect.h"
 
 #include <boost/graph/adjacency_list.hpp>
 #include <boost/graph/strong_components.hpp>
